@@ -1,0 +1,41 @@
+// Saved parameters: the list of log sites an operator has subscribed to.
+// The trace functions look a site up here (by the hash of its format text)
+// when the global site version has moved. The queries that change the list
+// and its file are added on top of this object.
+#pragma once
+
+#include <cstdint>
+
+#include "linux/common_use/temp/clist.h"
+#include "linux/common_use/temp/tools.h"
+
+class CLastLogStatus;
+
+// One subscription.
+struct TLogStatusElem {
+  TLogStatusElem();
+  ~TLogStatusElem();
+
+  int32_t is_on;
+  SafeString log;
+  uint64_t hash;
+  CLastLogStatus* site;
+  SafeString file;
+  int32_t line;
+};
+
+class CLogStatusList {
+ public:
+  CLogStatusList();
+  ~CLogStatusList();
+  CLogStatusList(const CLogStatusList&) = delete;
+  CLogStatusList& operator=(const CLogStatusList&) = delete;
+
+  CListOur m_list;
+  int64_t m_i64_last_save;
+  PlCritSect m_crit_sect_save;
+  int32_t m_b_all_off;
+};
+
+// The one list of the process; null before GlobalInit and after GlobalDeinit.
+extern CLogStatusList* g_p_log_status_list;

@@ -1,0 +1,90 @@
+// The stability monitor: which activity stands at which numbered point, and
+// where the time of the last minute went. Entry points and threads claim a
+// slot with StableEnter, pass points with StableMark and give the slot back
+// with StableLeave; a print thread writes the slots, the time per point and
+// the checked memory once a minute, and exception_filter writes the live
+// slots at a crash with plain descriptor writes.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/pl_clock.h"
+#include "platform/pl_sync.h"
+#include "platform/pl_thread.h"
+
+const int32_t STABLE_SLOT_NUM = 1200;
+const int32_t STABLE_POINT_NUM = 100000;
+const int32_t STABLE_NAME_SIZE = 24;
+const int32_t STABLE_NAME_MAX = 20;
+const int32_t STABLE_PATH_SIZE = 300;
+
+struct StableSlot {
+  uint32_t m_ui_thread_id;
+  int32_t m_i_point;
+  int32_t m_i_index;
+  int32_t m_i_timing_point;
+  int64_t m_i64_start_ticks;
+  StableSlot* m_p_next;
+  uint32_t m_ui_counter;
+  uint32_t m_ui_prev_counter;
+  char m_s_name[STABLE_NAME_SIZE];
+};
+
+struct StableObject {
+  PlCritSect* m_p_lock;
+  PlEvent* m_h_stop;
+  PlEvent* m_h_done;
+  int32_t m_i_day;
+  int32_t m_i_hour;
+  int32_t m_i_minute;
+  StableSlot m_slots[STABLE_SLOT_NUM];
+  int64_t m_i64_time[STABLE_POINT_NUM];
+  int32_t m_i_count[STABLE_POINT_NUM];
+  int64_t m_i64_total_count[STABLE_POINT_NUM];
+  StableSlot* m_p_head;
+  StableSlot* m_p_tail;
+  StableSlot* m_p_end;
+  PlThread* m_h_thread;
+  char m_s_stable_path[STABLE_PATH_SIZE];
+  char m_s_cpu_path[STABLE_PATH_SIZE];
+  char m_s_memory_path[STABLE_PATH_SIZE];
+  int32_t m_b_echo;
+  int64_t m_i64_memcounter;
+};
+
+// The monitor, allocated and zeroed by dll_init.
+extern StableObject* g_p_stable;
+// "/" and the plug-in's name, stored by dll_init; names the three files.
+extern char g_s_plugin_path[64];
+
+// Saved hook value and slot of an entry, undone by StableScopeEnd.
+struct TStableScope {
+  uint8_t m_ui_saved_hook;
+  int32_t m_i_slot;
+};
+
+void StableStart();
+void StableStop();
+int32_t StableEnter(const char* s_name_av);
+void StableLeave(int32_t i_slot_av);
+void StableScopeEnd(const TStableScope* p_scope_av);
+
+// Books the time since the last mark to the previous point and moves on to
+// this one. On the frame path: no lock, no allocation.
+inline void StableMark(int32_t i_slot_av, int32_t i_point_av) {
+  if (i_slot_av == -1) return;
+  StableObject* p_lv = g_p_stable;
+  if (p_lv == nullptr) return;
+  StableSlot* p_slot_lv = &p_lv->m_slots[i_slot_av];
+  p_slot_lv->m_ui_counter++;
+  p_slot_lv->m_i_point = i_point_av;
+  int64_t i64_now_lv = PlPerfCounter();
+  int32_t i_prev_lv = p_slot_lv->m_i_timing_point;
+  p_lv->m_i64_time[i_prev_lv] += i64_now_lv - p_slot_lv->m_i64_start_ticks;
+  p_lv->m_i_count[i_prev_lv]++;
+  p_lv->m_i64_total_count[i_prev_lv]++;
+  p_slot_lv->m_i64_start_ticks = i64_now_lv;
+  p_slot_lv->m_i_timing_point = i_point_av;
+}
+
+extern "C" void exception_filter(int32_t i_thread_id_av);

@@ -1,0 +1,87 @@
+// Locks and events of the operating system, thinly wrapped.
+// Every unit of the plug-in and the reference host takes its critical
+// sections and events from here, so that waits with a time-out follow the
+// process clock (pl_clock.h): under the manual clock a time-out passes when a
+// test moves the clock, not when real time goes by.
+#pragma once
+
+#include <pthread.h>
+#include <cstdint>
+#include <vector>
+
+// Results of a wait, with the values the callers compare against.
+const uint32_t PL_WAIT_OBJECT_0 = 0;
+const uint32_t PL_WAIT_TIMEOUT = 258;
+const uint32_t PL_WAIT_FAILED = 0xFFFFFFFFu;
+const uint32_t PL_INFINITE = 0xFFFFFFFFu;
+
+// A critical section that the same thread may enter twice (recursive).
+class PlCritSect {
+ public:
+  PlCritSect();
+  ~PlCritSect();
+  PlCritSect(const PlCritSect&) = delete;
+  PlCritSect& operator=(const PlCritSect&) = delete;
+
+  void Enter();
+  void Leave();
+  bool TryEnter();
+
+ private:
+  pthread_mutex_t m_mutex;
+};
+
+// Enters a critical section for the lifetime of a scope.
+class PlCritLock {
+ public:
+  explicit PlCritLock(PlCritSect* p_cs_av) : m_p_cs(p_cs_av) { m_p_cs->Enter(); }
+  ~PlCritLock() { m_p_cs->Leave(); }
+  PlCritLock(const PlCritLock&) = delete;
+  PlCritLock& operator=(const PlCritLock&) = delete;
+
+ private:
+  PlCritSect* m_p_cs;
+};
+
+struct PlWaiter;
+
+// An event with manual or automatic reset. An automatic event is reset by
+// the one wait that it releases.
+class PlEvent {
+ public:
+  PlEvent(bool b_manual_reset_av, bool b_initial_av);
+  ~PlEvent();
+  PlEvent(const PlEvent&) = delete;
+  PlEvent& operator=(const PlEvent&) = delete;
+
+  void Set();
+  void Reset();
+  bool IsSet();
+  // PL_WAIT_OBJECT_0 when signalled, PL_WAIT_TIMEOUT when ms passed first.
+  uint32_t Wait(uint32_t ui_ms_av);
+
+ private:
+  friend uint32_t PlWaitAny(PlEvent* const* pp_events_av, int i_count_av, uint32_t ui_ms_av);
+  bool TakeLocked();
+  void AddWaiter(PlWaiter* p_waiter_av);
+  void RemoveWaiter(PlWaiter* p_waiter_av);
+
+  pthread_mutex_t m_mutex;
+  bool m_b_manual;
+  bool m_b_set;
+  // Threads parked in a wait on this event; Set() wakes them.
+  std::vector<PlWaiter*> m_waiters;
+};
+
+// Waits until one of i_count_av events is signalled. Returns the index of the
+// signalled event (the lowest when several are), PL_WAIT_TIMEOUT when the
+// time passed first, PL_WAIT_FAILED for a bad argument. At most 8 events.
+uint32_t PlWaitAny(PlEvent* const* pp_events_av, int i_count_av, uint32_t ui_ms_av);
+
+// Atomic helpers for counters shared between threads.
+inline int64_t PlAtomicAdd64(volatile int64_t* p_av, int64_t i64_delta_av) {
+  return __atomic_add_fetch(p_av, i64_delta_av, __ATOMIC_SEQ_CST);
+}
+inline int32_t PlAtomicAdd32(volatile int32_t* p_av, int32_t i_delta_av) {
+  return __atomic_add_fetch(p_av, i_delta_av, __ATOMIC_SEQ_CST);
+}

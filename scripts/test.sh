@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# The whole test suite: installs what is missing, builds, runs every test,
+# then builds and runs it all again under AddressSanitizer with
+# UndefinedBehaviorSanitizer. Any failure or sanitizer report fails it.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+"$root/scripts/install-deps.sh"
+jobs=$(nproc)
+
+echo "== plain build"
+"$root/scripts/build.sh" "$root/build"
+(cd "$root/build" && ctest --output-on-failure -j "$jobs")
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+"$root/scripts/build.sh" "$root/build-asan" address
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:halt_on_error=1
+export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+(cd "$root/build-asan" && ctest --output-on-failure -j "$jobs")
