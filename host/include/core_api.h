@@ -59,14 +59,29 @@ typedef void (*CoreSetHookFn)(uint8_t value);
 typedef uint8_t (*CoreGetHookFn)(void);
 
 /* Callback of a core-level track (core_profile_open). kind is 2 for a data
- * message sent with core_profile_data. */
+ * message, whichever of profile_data and core_profile_data sent it.
+ * Core-level holders and ordinary holders of one name form one track: a
+ * message from either kind of holder reaches both kinds, each through its
+ * own callback form. */
 typedef void (*CoreProfileFn)(void* user, TrackHandle handle, int32_t kind, ProfileParam* params);
 
+/* Fills each row's slot with the host function of that name
+ * ("core_sethook", "core_gethook"); the slot of a name it does not offer is
+ * not touched (callers pass it null). The hook value is kept per thread; a thread that never set one
+ * reads 0. */
 int core_dll_open(const char* name, CoreImportRow* table);
 int core_dll_close(const char* name);
 char* core_get_path(const char* name, const char* access, int32_t mode);
 void core_mfree(void* p);
 
+/* The bus. profile_open joins a named track and gives a handle that is never
+ * 0 and never given again in the process (0 for a null track name); without
+ * a callback (null record or null fn) the holder only sends. profile_data
+ * runs, on the caller's thread and before it returns, the callback of every
+ * other holder of the track; an unknown or closed handle, or a null array,
+ * sends nothing. profile_close gives 0, or -1 for an unknown handle; once it
+ * returns no callback of the handle runs any more (it waits for deliveries
+ * running on other threads, not for those its own thread is inside). */
 TrackHandle profile_open(const char* track, const ProfileCallback* callback, const char* file, int32_t line);
 void profile_data(TrackHandle handle, ProfileParam* params, int32_t zero);
 int32_t profile_close(TrackHandle handle);
@@ -77,6 +92,11 @@ void core_profile_data(TrackHandle handle, void* reserved, ProfileParam* params)
 /* For the host program only: the path that core_get_path gives for a name.
  * A null path forgets the name. */
 void core_set_path(const char* name, const char* path);
+
+/* For host programs' diagnostics: the number of named tracks that have at
+ * least one holder, and the number of holders of one name. */
+int32_t core_bus_track_count(void);
+int32_t core_bus_holder_count(const char* track);
 
 #ifdef __cplusplus
 }
