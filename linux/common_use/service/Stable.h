@@ -63,16 +63,36 @@ struct TStableScope {
   int32_t m_i_slot;
 };
 
+// Builds the free list, events, files and the print thread of g_p_stable.
+// dll_init calls it once, after allocating the object zeroed.
 void StableStart();
+// Ends the print thread and frees what StableStart made; the caller frees
+// the object.
 void StableStop();
+// Claims a slot for the calling thread's activity and sets the hook to 40.
+// Returns the slot; 0 when the table is full (the activity goes unshown), -1
+// when there is no monitor.
 int32_t StableEnter(const char* s_name_av);
+// Gives the slot back, books its last point's time and sets the hook to 49.
 void StableLeave(int32_t i_slot_av);
+// The way out of an entry: StableLeave, then the saved hook value back.
 void StableScopeEnd(const TStableScope* p_scope_av);
 
+// True for an index inside the slot table. The free value -1 and anything a
+// caller got wrong fall outside, so one unsigned compare covers both.
+inline bool StableSlotValid(int32_t i_slot_av) {
+  return static_cast<uint32_t>(i_slot_av) < static_cast<uint32_t>(STABLE_SLOT_NUM);
+}
+
 // Books the time since the last mark to the previous point and moves on to
-// this one. On the frame path: no lock, no allocation.
+// this one. On the frame path: no lock, no allocation. A slot of -1 (none)
+// returns at once; so do a slot or a point outside the tables, which would
+// otherwise write past them.
 inline void StableMark(int32_t i_slot_av, int32_t i_point_av) {
-  if (i_slot_av == -1) return;
+  if (!StableSlotValid(i_slot_av) ||
+      static_cast<uint32_t>(i_point_av) >= static_cast<uint32_t>(STABLE_POINT_NUM)) {
+    return;
+  }
   StableObject* p_lv = g_p_stable;
   if (p_lv == nullptr) return;
   StableSlot* p_slot_lv = &p_lv->m_slots[i_slot_av];
@@ -87,4 +107,5 @@ inline void StableMark(int32_t i_slot_av, int32_t i_point_av) {
   p_slot_lv->m_i_timing_point = i_point_av;
 }
 
-extern "C" void exception_filter(int32_t i_thread_id_av);
+// Called by the host at a crash with the id of the thread that crashed.
+extern "C" __attribute__((visibility("default"))) void exception_filter(int32_t i_thread_id_av);
