@@ -1,9 +1,126 @@
-// Placeholder bodies; replaced by the real site list.
+// The list of log sites an operator has subscribed to, and the three queries
+// that change it. The trace functions (service2) bind sites to its elements;
+// the query dispatch calls LogStatusAdd, LogStatusDelete and LogStatusOff.
 #include "linux/common_use/config.h"
+
+#include <cstring>
+#include <vector>
+
+#include "linux/common_use/service/service2.h"
+#include "platform/pl_sync.h"
 
 CLogStatusList* g_p_log_status_list = nullptr;
 
+namespace {
+
+// Sign of the format texts the list keeps.
+const int32_t SIGN_LOG_TEXT = 100;
+
+const char* TextOf(const SafeString* p_text_av) {
+  return p_text_av != nullptr && p_text_av->m_p_text != nullptr ? p_text_av->m_p_text : "";
+}
+
+TLogStatusElem* ElemAt(CLogStatusList* p_list_av, int32_t i_index_av) {
+  return static_cast<TLogStatusElem*>(CListOurGet(&p_list_av->m_list, i_index_av));
+}
+
+// A site whose element goes away or off stops keeping its text at once.
+void SiteOff(TLogStatusElem* p_elem_av) {
+  if (p_elem_av->site != nullptr) __atomic_store_n(&p_elem_av->site->m_i_on, 0, __ATOMIC_RELAXED);
+}
+
+}  // namespace
+
 TLogStatusElem::TLogStatusElem() : is_on(1), hash(0), site(nullptr), line(0) {}
 TLogStatusElem::~TLogStatusElem() {}
+
 CLogStatusList::CLogStatusList() : m_i64_last_save(0), m_b_all_off(0) {}
-CLogStatusList::~CLogStatusList() {}
+
+CLogStatusList::~CLogStatusList() {
+  std::vector<TLogStatusElem*> elems_lv;
+  {
+    PlCritLock lock_lv(&m_list.m_crit_sect);
+    for (int32_t i_lv = 0; i_lv < m_list.m_i_count; i_lv++) {
+      TLogStatusElem* p_elem_lv = ElemAt(this, i_lv);
+      if (p_elem_lv == nullptr) continue;
+      SiteOff(p_elem_lv);
+      elems_lv.push_back(p_elem_lv);
+    }
+    CListOurClear(&m_list);
+  }
+  for (TLogStatusElem* p_elem_lv : elems_lv) delete p_elem_lv;
+}
+
+uint64_t LogStatusHash(const char* s_text_av) {
+  if (s_text_av == nullptr) s_text_av = "";
+  return StrHash64(s_text_av, static_cast<uint32_t>(strlen(s_text_av)));
+}
+
+void LogStatusAdd(CLogStatusList* p_list_av, const SafeString* p_text_av) {
+  if (p_list_av == nullptr) return;
+  // Made before the lock, which then covers the look-up alone.
+  TLogStatusElem* p_new_lv = new TLogStatusElem();
+  SafeStringAssign(&p_new_lv->log, TextOf(p_text_av), SIGN_LOG_TEXT);
+  p_new_lv->hash = LogStatusHash(TextOf(p_text_av));
+  {
+    PlCritLock lock_lv(&p_list_av->m_list.m_crit_sect);
+    TLogStatusElem* p_found_lv = nullptr;
+    for (int32_t i_lv = 0; i_lv < p_list_av->m_list.m_i_count && p_found_lv == nullptr; i_lv++) {
+      TLogStatusElem* p_elem_lv = ElemAt(p_list_av, i_lv);
+      if (p_elem_lv != nullptr && p_elem_lv->hash == p_new_lv->hash) p_found_lv = p_elem_lv;
+    }
+    if (p_found_lv == nullptr) {
+      if (CListOurAdd(&p_list_av->m_list, p_new_lv) >= 0) p_new_lv = nullptr;
+    } else {
+      p_found_lv->is_on = 1;
+    }
+  }
+  delete p_new_lv;
+  if (g_p_log_site_version != nullptr) PlAtomicAdd64(g_p_log_site_version, 1);
+  LogStatusRecomputeAllOff(p_list_av);
+}
+
+void LogStatusDelete(CLogStatusList* p_list_av, const SafeString* p_text_av) {
+  if (p_list_av == nullptr) return;
+  uint64_t ui64_hash_lv = LogStatusHash(TextOf(p_text_av));
+  TLogStatusElem* p_gone_lv = nullptr;
+  {
+    PlCritLock lock_lv(&p_list_av->m_list.m_crit_sect);
+    for (int32_t i_lv = 0; i_lv < p_list_av->m_list.m_i_count && p_gone_lv == nullptr; i_lv++) {
+      TLogStatusElem* p_elem_lv = ElemAt(p_list_av, i_lv);
+      if (p_elem_lv != nullptr && p_elem_lv->hash == ui64_hash_lv) p_gone_lv = p_elem_lv;
+    }
+    if (p_gone_lv != nullptr) {
+      SiteOff(p_gone_lv);
+      CListOurRemove(&p_list_av->m_list, p_gone_lv);
+    }
+  }
+  delete p_gone_lv;
+  LogStatusRecomputeAllOff(p_list_av);
+}
+
+void LogStatusOff(CLogStatusList* p_list_av, const SafeString* p_text_av) {
+  if (p_list_av == nullptr) return;
+  uint64_t ui64_hash_lv = LogStatusHash(TextOf(p_text_av));
+  {
+    PlCritLock lock_lv(&p_list_av->m_list.m_crit_sect);
+    for (int32_t i_lv = 0; i_lv < p_list_av->m_list.m_i_count; i_lv++) {
+      TLogStatusElem* p_elem_lv = ElemAt(p_list_av, i_lv);
+      if (p_elem_lv == nullptr || p_elem_lv->hash != ui64_hash_lv) continue;
+      SiteOff(p_elem_lv);
+      p_elem_lv->is_on = 0;
+    }
+  }
+  LogStatusRecomputeAllOff(p_list_av);
+}
+
+void LogStatusRecomputeAllOff(CLogStatusList* p_list_av) {
+  if (p_list_av == nullptr) return;
+  PlCritLock lock_lv(&p_list_av->m_list.m_crit_sect);
+  int32_t b_all_off_lv = 1;
+  for (int32_t i_lv = 0; i_lv < p_list_av->m_list.m_i_count && b_all_off_lv != 0; i_lv++) {
+    TLogStatusElem* p_elem_lv = ElemAt(p_list_av, i_lv);
+    if (p_elem_lv != nullptr && p_elem_lv->is_on != 0) b_all_off_lv = 0;
+  }
+  __atomic_store_n(&p_list_av->m_b_all_off, b_all_off_lv, __ATOMIC_RELAXED);
+}

@@ -39,3 +39,15 @@ class CLogStatusList {
 
 // The one list of the process; null before GlobalInit and after GlobalDeinit.
 extern CLogStatusList* g_p_log_status_list;
+
+// Query "query_log_status_add": subscribes to the format text, or turns its
+// subscription on again, and makes every log site look again.
+void LogStatusAdd(CLogStatusList* p_list_av, const SafeString* p_text_av);
+// Query "query_log_status_delete": drops the first subscription of the text.
+void LogStatusDelete(CLogStatusList* p_list_av, const SafeString* p_text_av);
+// Query "query_log_status_off": turns every subscription of the text off.
+void LogStatusOff(CLogStatusList* p_list_av, const SafeString* p_text_av);
+// Sets m_b_all_off: 1 when no element is on.
+void LogStatusRecomputeAllOff(CLogStatusList* p_list_av);
+// The identity of a format text, for sites and elements alike.
+uint64_t LogStatusHash(const char* s_text_av);
