@@ -1,6 +1,6 @@
 // The plug-in's trace functions, site records and "log_status" report,
 // driven against the reference logging library.
-// The plug-in's headers come first: tools.h declares W_OK, which
+// The plug-in's headers come first: tools.h declares RC_OK, which
 // <unistd.h> (pulled in by GoogleTest) defines as a macro.
 #include "host/include/core_api.h"
 #include "linux/common_use/config.h"

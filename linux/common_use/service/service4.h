@@ -58,6 +58,14 @@ extern MemChecker* g_p_mem_checker;
 void SafeMemAllocB5(void** pp_out_av, int32_t i_size_av, int32_t i_signat_av);
 void SafeMemReallocB4(void** pp_var_av, int32_t i_size_av, int32_t i_signat_av);
 void SafeMemFree(void** pp_var_av);
+// The checking half of a release, shared by SafeMemFree and SafeStringAssign:
+// gives the block's entry back, checks the words, writes the release words on
+// a good block or logs the damage on a bad one. The memory itself stays
+// allocated; the caller hands it back with PlAlignedFree(block start).
+// Returns 1 for a good block, 0 for a damaged one, -1 for a damaged one whose
+// entry keeps a size (its size word differs from the registered size): that
+// block must stay allocated, because the scan goes on reading it.
+int SafeMemReleaseCheck(void* p_user_av);
 
 // The call forms every unit uses: a typed pointer variable in and out.
 template <typename T>
@@ -85,8 +93,14 @@ void GetNextFreeIndex(MemChecker* p_checker_av);
 void GetNextFreeIndex_Level1(MemChecker* p_checker_av);
 void CreateNewBaseElem(MemChecker* p_checker_av);
 int CheckBlock(MemChecker* p_checker_av, const MemBlockEntry* p_entry_av, int32_t* p_error_av);
+// The words test of CheckBlock without its log line (crash print, scan).
+int CheckBlockWords(const MemBlockEntry* p_entry_av, int32_t* p_error_av);
 void CheckBaseElem(MemChecker* p_checker_av, const char* s_name_av, int32_t i_base_av, int32_t* p_flag_av);
 void CheckNextBaseElem(MemChecker* p_checker_av, const char* s_name_av);
+// The first failing block of the last scan pass (-1 before any), kept for the
+// whole process so that a block that leads two passes is told on stdout.
+extern int32_t g_i_mem_last_bad_base;
+extern int32_t g_i_mem_last_bad_index;
 // Crash list: plain descriptor writes, no heap, no lock, no formatted print.
 void MemCheckerDumpToFile(int fd_av, MemChecker* p_checker_av);
 void MemCheckerReportElems(MemChecker* p_checker_av);

@@ -10,10 +10,10 @@
 #include "platform/pl_thread.h"
 
 // Result codes of the base layer.
-const int32_t W_OK = 0;
-const int32_t W_E_FAIL = static_cast<int32_t>(0x80004005u);
-const int32_t W_E_INVALIDARG = static_cast<int32_t>(0x80070057u);
-const int32_t W_E_BUFFER_SMALL = static_cast<int32_t>(0x8007007Au);
+const int32_t RC_OK = 0;
+const int32_t RC_E_FAIL = static_cast<int32_t>(0x80004005u);
+const int32_t RC_E_INVALIDARG = static_cast<int32_t>(0x80070057u);
+const int32_t RC_E_BUFFER_SMALL = static_cast<int32_t>(0x8007007Au);
 
 // Size of the buffer that PathJoin fills.
 const int PATH_JOIN_SIZE = 2048;
@@ -46,7 +46,7 @@ void SafeStringJoin(const char* const* pp_texts_av, int32_t i_count_av, SafeStri
 // 64-bit digest of a text, for identity inside one run.
 uint64_t StrHash64(const void* p_bytes_av, uint32_t ui_length_av);
 
-// Bounded formatting: W_OK, W_E_BUFFER_SMALL when cut, W_E_INVALIDARG for a
+// Bounded formatting: RC_OK, RC_E_BUFFER_SMALL when cut, RC_E_INVALIDARG for a
 // size of 0 or above 0x7FFFFFFF. The buffer is always terminated.
 int32_t FormatStr(char* s_buf_av, size_t ui_size_av, const char* s_format_av, ...)
     __attribute__((format(printf, 3, 4)));
