@@ -1,7 +1,5 @@
 // The plug-in's trace functions, site records and "log_status" report,
 // driven against the reference logging library.
-// The plug-in's headers come first: tools.h declares RC_OK, which
-// <unistd.h> (pulled in by GoogleTest) defines as a macro.
 #include "host/include/core_api.h"
 #include "linux/common_use/config.h"
 #include "linux/common_use/service/service2.h"

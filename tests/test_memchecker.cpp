@@ -3,13 +3,19 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <dlfcn.h>
+
 #include <algorithm>
+#include <fstream>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "host/include/core_api.h"
+#include "host/include/log_api.h"
 #include "linux/common_use/service/Stable.h"
+#include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"
 #include "platform/pl_os.h"
 
@@ -256,6 +262,37 @@ TEST_F(MemCheckerTest, MemoryPathIsBesideTheExecutable) {
   MemCheckerInitPath(m_p, "writer");
   EXPECT_STREQ(WRITER_BIN_DIR "/memory/writer.log", m_p->m_s_mem_path);
   EXPECT_EQ(0, access(WRITER_BIN_DIR "/memory", F_OK));
+}
+
+// The report of a damaged block reaches the main log: the fault line, then
+// the two markers with nothing between them. "arc.transf", which takes the
+// markers' second copies, is off by default.
+TEST_F(MemCheckerTest, DamageAtReleaseIsReportedInTheLog) {
+  void* p_lib_lv = dlopen(WRITER_BIN_DIR "/liblog.so", RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(nullptr, p_lib_lv);
+  char s_dir_lv[] = "/tmp/test_memchecker_XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(s_dir_lv));
+  auto configure_lv = reinterpret_cast<LogConfigureFn>(dlsym(p_lib_lv, "log_configure"));
+  ASSERT_EQ(0, configure_lv(s_dir_lv, nullptr));
+  core_set_path("log-1", WRITER_BIN_DIR "/liblog.so");
+  LogDllLoad();
+
+  char* p_lv = Alloc(10, 9);
+  p_lv[10] = 0x11;  // one byte past the end
+  SAFE_MEM_FREE(m_blocks.back());
+  LogDllUnload();
+  core_set_path("log-1", nullptr);
+
+  std::ifstream in_lv(std::string(s_dir_lv) + "/arc.log");
+  std::vector<std::string> lines_lv;
+  for (std::string s_line_lv; std::getline(in_lv, s_line_lv);) lines_lv.push_back(s_line_lv);
+  ASSERT_EQ(3u, lines_lv.size());
+  EXPECT_NE(std::string::npos, lines_lv[0].find("<error> mem 2 : pref 12345678, counter 0, size 10, suff 87654311, "
+                                                "rememb_size 10 sign 9 circl 0 memchecker "));
+  EXPECT_NE(std::string::npos, lines_lv[1].find("---error free beg---"));
+  EXPECT_NE(std::string::npos, lines_lv[2].find("---error free end---"));
+  EXPECT_EQ(0, system((std::string("rm -rf ") + s_dir_lv).c_str()));
+  dlclose(p_lib_lv);
 }
 
 }  // namespace
