@@ -14,5 +14,5 @@ for b in bench_base bench_bus; do
 done
 echo
 echo "== summary (time per operation)"
-grep -E '^BM_' "$out" | awk '{printf "  %-48s %10s %s\n", $1, $2, $3}'
+grep -E '^[A-Za-z_][^ ]* +[0-9.]+ (ns|us|ms) ' "$out" | awk '{printf "  %-48s %10s %s\n", $1, $2, $3}'
 rm -f "$out"
