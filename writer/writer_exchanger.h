@@ -1,0 +1,49 @@
+// The frame-exchange side of a channel: its two bus tracks, their
+// callbacks, and the byte forms that go to the archive (the frame block
+// and the encoded frame parameters). The channel open and reconfiguration
+// open the tracks; frame intake builds blocks with these helpers.
+#pragma once
+
+#include <cstdint>
+
+#include "host/include/core_api.h"
+#include "linux/common_use/temp/tools.h"
+
+class CWriter;
+
+// Frame block head: 48 bytes before a key frame's sections, 32 otherwise.
+const uint32_t UI_FRAME_HEAD_LONG = 48;
+const uint32_t UI_FRAME_HEAD_SHORT = 32;
+const uint32_t UI_FRAME_KIND_LONG = 6;
+const uint32_t UI_FRAME_KIND_SHORT = 7;
+const uint32_t UI_SECTION_HEAD = 8;
+const uint32_t UI_SECTION_DATA = 1;
+const uint32_t UI_SECTION_EXTRA = 80;
+const uint32_t UI_SECTION_PARAMS = 513;
+// Nesting deeper than this is not followed: the inner list encodes empty.
+const int32_t I_PARAM_DEPTH_MAX = 16;
+
+// The codec number the archive knows for a four-character code.
+uint16_t CodecNumberOfFcc(uint32_t ui_fcc_av);
+uint32_t FrameBlockHeadSize(int32_t i_key_av);
+// Whole block size for the given payload sizes (sections included).
+uint64_t FrameBlockSize(int32_t i_key_av, uint32_t ui_data_av, uint32_t ui_extra_av, uint32_t ui_params_av);
+// Zero-fills and writes the head; pb_av must hold FrameBlockHeadSize bytes.
+void FrameBlockWriteHead(uint8_t* pb_av, int32_t i_key_av, uint64_t ui64_local_time_av, uint32_t ui_frame_number_av,
+                         int32_t i_width_av, int32_t i_height_av, uint32_t ui_fcc_av);
+// Writes one section (head and data); returns the bytes written.
+uint32_t FrameBlockPutSection(uint8_t* pb_av, uint32_t ui_type_av, const void* p_data_av, uint32_t ui_size_av);
+
+// Length of the encoded record of one element; 0 for a record that cannot
+// be encoded (its length would not fit 31 bits).
+uint64_t ParamRecordLength(const ProfileParam* p_param_av);
+// Appends the record of one element to a growing buffer. RC 0 on success,
+// negative when the record is too long or there is no memory.
+int32_t EncodeParam(const ProfileParam* p_param_av, uint8_t** ppb_buf_av, uint32_t* p_capacity_av,
+                    uint32_t* p_size_av);
+
+// Joins the media and status tracks of the channel.
+void OpenTrack(CWriter* p_writer_av, const SafeString* p_common_keys_av, const SafeString* p_in_av);
+// Track callbacks of the media and the status track.
+void on_frame(void* p_user_av, ProfileParam* p_params_av);
+void on_data2(void* p_user_av, ProfileParam* p_params_av);
