@@ -9,6 +9,7 @@
 
 #include <dlfcn.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <fstream>
@@ -394,3 +395,17 @@ TEST_F(DllMainSlowArchiveTest, OpenWaitsUntilTheArchiveIsReady) {
 }
 
 }  // namespace
+
+// Without its storage library, or with one that lacks a function, the host
+// process is ended at once with its line on standard output: nothing is to be
+// recorded without every function.
+TEST_F(DllMainTest, MissingStorageLibraryOrFunctionEndsTheProcess) {
+  auto init_with = [&](const char* path) {
+    core_set_path("archive", path);
+    dup2(2, 1);  // the death test reads what the child writes on stderr
+    dll_init();
+  };
+  EXPECT_EXIT(init_with("/nonexistent/libwarchive.so"), ::testing::ExitedWithCode(1),
+              "Couldn't open libarchive.so: \n");
+  EXPECT_EXIT(init_with(WRITER_BIN_DIR "/liblog.so"), ::testing::ExitedWithCode(1), "Couldn't find dll_init2: \n");
+}
