@@ -81,6 +81,10 @@ long PlFileRead(int fd_av, void* p_data_av, size_t ui_len_av) {
   return static_cast<long>(ui_done_lv);
 }
 
+long long PlFileSeekStart(int fd_av, long long i64_offset_av) {
+  return static_cast<long long>(lseek(fd_av, static_cast<off_t>(i64_offset_av), SEEK_SET));
+}
+
 void PlFileClose(int fd_av) {
   if (fd_av >= 0) close(fd_av);
 }

@@ -30,6 +30,8 @@ int PlFileOpenAppendRaw(const char* s_path_av);
 // Writes all bytes (retrying short writes); the number written or -1.
 long PlFileWrite(int fd_av, const void* p_data_av, size_t ui_len_av);
 long PlFileRead(int fd_av, void* p_data_av, size_t ui_len_av);
+// Moves to an offset from the start of the file; the new offset or -1.
+long long PlFileSeekStart(int fd_av, long long i64_offset_av);
 void PlFileClose(int fd_av);
 // Writes text to standard output unbuffered (crash prints, fatal lines).
 void PlStdoutWrite(const char* s_text_av, size_t ui_len_av);
