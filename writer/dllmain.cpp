@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "host/include/core_api.h"
+#include "linux/common_use/config.h"
 #include "linux/common_use/core_bus.h"
 #include "linux/common_use/service/Stable.h"
 #include "linux/common_use/service/service2.h"
@@ -59,6 +60,10 @@ WRITER_EXPORT int32_t dll_init(void) {
   g_p_mem_checker = new MemChecker();
   FormatStr(g_s_plugin_path, sizeof(g_s_plugin_path), "/%s", "writer");
   MemCheckerInitPath(g_p_mem_checker, "writer");
+  // The stability monitor's print thread traces from its start, and every
+  // trace looks at the saved subscriptions: they exist before it runs and
+  // are freed only after it has stopped.
+  if (g_p_log_status_list == nullptr) g_p_log_status_list = new CLogStatusList();
   StabilityStart();
   LanguageInit();
   int32_t i_rv_lv = GlobalInit();
@@ -77,6 +82,8 @@ WRITER_EXPORT int32_t dll_free(void) {
   GlobalDeinit();
   LanguageDeinit();
   StabilityStop();
+  delete g_p_log_status_list;
+  g_p_log_status_list = nullptr;
   delete g_p_mem_checker;
   g_p_mem_checker = nullptr;
   if (core_sethook != nullptr) core_sethook(g_ui_saved_hook);

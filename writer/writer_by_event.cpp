@@ -3,7 +3,12 @@
 // event track and the channel start use.
 #include "writer/writer_by_event.h"
 
+#include "linux/common_use/service/Stable.h"
+#include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"
+#include "linux/common_use/temp/tools.h"
+#include "writer/writer_atomic.h"
+#include "writer/writer_main.h"
 #include "writer/writer_stability.h"
 
 namespace {
@@ -91,4 +96,80 @@ void on_profile_events(void* p_user_av, ProfileParam* p_params_av) {
 // not record by events has nothing to take over.
 void InitEventStatus(CWriterByEvent* p_av) {
   (void)p_av;
+}
+
+namespace {
+
+const int64_t I64_LATCH_PAUSE = 6000000000LL;      // 10 minutes
+const int64_t I64_FORCED_CHECK_PERIOD = 100000000LL;  // 10 s
+
+int64_t NowLocal() { return static_cast<int64_t>(FileTimeNowLocal()); }
+
+// The schedule lets the frame in: inside its plan, or no plan at all.
+int32_t ScheduleGate(const CWriter* p_writer_av, int32_t* p_state_av, int32_t* p_present_av) {
+  const WriterSchedule* p_sched_lv = p_writer_av->m_p_schedule;
+  *p_state_av = p_sched_lv != nullptr ? AtomicGet(&p_sched_lv->m_b_state) : 0;
+  *p_present_av = p_sched_lv != nullptr ? AtomicGet(&p_sched_lv->m_b_is_shedule_present) : 0;
+  return *p_state_av != 0 || *p_present_av == 0 ? 1 : 0;
+}
+
+}  // namespace
+
+int32_t DetectCondish_Vart2(CWriterByEvent* p_av) {
+  if (AtomicGet(&p_av->m_b_event_accepted) != 0) return 1;
+  int64_t i64_since_lv = NowLocal() - AtomicGet(&p_av->m_i64_last_reset);
+  return i64_since_lv < AtomicGet(&p_av->post_write) ? 1 : 0;
+}
+
+// The pause of recording would attach here: the write-off flag and the
+// write-failure latch, which nothing in this program sets.
+int32_t NeedWriteCommonCondish(CWriter* p_writer_av) {
+  if (p_writer_av->m_camera_info_w != nullptr && AtomicGet(&p_writer_av->m_camera_info_w->m_b_write_off) != 0)
+    return 0;
+  if (AtomicGet(&p_writer_av->m_i_write_flag) == 0) return 1;
+  return NowLocal() > AtomicGet(&p_writer_av->m_i64_last_need_time) + I64_LATCH_PAUSE ? 1 : 0;
+}
+
+// Forced recording is ended by the forced-recording command's stop event;
+// until that is built, only the pace of the check is kept.
+void CheckForcedDuration(CWriterByEvent* p_av, int32_t i_slot_av) {
+  (void)i_slot_av;
+  CWriter* p_writer_lv = p_av->m_p_writer;
+  if (p_writer_lv == nullptr || p_writer_lv->m_camera_info_w == nullptr ||
+      AtomicGet(&p_writer_lv->m_camera_info_w->m_b_write_by_event) == 0)
+    return;
+  int64_t i64_now_lv = NowLocal();
+  if (p_av->m_i64_last_dur_check + I64_FORCED_CHECK_PERIOD >= i64_now_lv) return;
+  p_av->m_i64_last_dur_check = i64_now_lv;
+}
+
+int32_t NeedWrite(CWriterByEvent* p_av, int32_t i_slot_av) {
+  CWriter* p_writer_lv = p_av->m_p_writer;
+  CheckForcedDuration(p_av, i_slot_av);
+  int32_t b_common_lv = NeedWriteCommonCondish(p_writer_lv);
+  int32_t b_by_event_lv = AtomicGet(&p_writer_lv->m_camera_info_w->m_b_write_by_event) != 0 ? 1 : 0;
+  int32_t b_prev_lv = AtomicGet(&p_av->prev_write) > 0 ? 1 : 0;
+  int32_t b_detect_lv = b_by_event_lv != 0 && b_prev_lv == 0 ? DetectCondish_Vart2(p_av) : 0;
+  int32_t b_state_lv = 0;
+  int32_t b_present_lv = 0;
+  int32_t b_gate_lv = ScheduleGate(p_writer_lv, &b_state_lv, &b_present_lv);
+  int32_t b_result_lv = 0;
+  if (b_common_lv != 0 && b_gate_lv != 0) b_result_lv = b_by_event_lv == 0 || b_prev_lv != 0 || b_detect_lv != 0;
+  long long i64_cam_lv = static_cast<long long>(InfoCamId(p_writer_lv->m_camera_info_w));
+  if (b_result_lv != 0) {
+    AtomicPut(&p_writer_lv->m_i64_last_need_time, NowLocal());
+  } else {
+    TRACE45(TLOG_ARC_TRACE, TSEV_TRACE,
+            "<sched2%lld> !NeedWriteCommonCondish %dwrite_by_event %dIsPrevWrite %dDetectCondish_Vart2 %dm_b_state "
+            "%dm_b_is_shedule_present %d",
+            i64_cam_lv, b_common_lv, b_by_event_lv, b_prev_lv, b_detect_lv, b_state_lv, b_present_lv);
+  }
+  StableMark(i_slot_av, 21031);
+  AtomicPut(&p_writer_lv->m_status.m_b_sched, b_gate_lv);
+  StableMark(i_slot_av, 21032);
+  TRACE45(TLOG_ARC_TRACE, TSEV_TRACE,
+          "<by_event%lld>CWriter::NeedWrite %d, write_by_event() %d, m_b_event_accepted %d  shed state %d shed pres "
+          "%d ",
+          i64_cam_lv, b_result_lv, b_by_event_lv, AtomicGet(&p_av->m_b_event_accepted), b_state_lv, b_present_lv);
+  return b_result_lv;
 }

@@ -66,3 +66,12 @@ bool EventListHas(CListOur* p_list_av, int32_t i_event_av);
 void on_profile_events(void* p_user_av, ProfileParam* p_params_av);
 // Takes the present event state over; run by start and reconfiguration.
 void InitEventStatus(CWriterByEvent* p_av);
+
+// In an event, or within post_write after one.
+int32_t DetectCondish_Vart2(CWriterByEvent* p_av);
+// The condition common to every recording mode.
+int32_t NeedWriteCommonCondish(CWriter* p_writer_av);
+// Whether the camera records the frame that arrives now; frame path.
+int32_t NeedWrite(CWriterByEvent* p_av, int32_t i_slot_av);
+// Ends forced recording whose time ran out; run from NeedWrite.
+void CheckForcedDuration(CWriterByEvent* p_av, int32_t i_slot_av);

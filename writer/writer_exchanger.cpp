@@ -215,17 +215,3 @@ void OpenTrack(CWriter* p_writer_av, const SafeString* p_common_keys_av, const S
           static_cast<long long>(p_writer_av->m_camera_info_w->m_i64_id3),
           reinterpret_cast<void*>(static_cast<uintptr_t>(p_writer_av->m_h_track_status)), s_status_lv);
 }
-
-// Frame intake runs here: the decision, the checks and the block.
-void on_frame(void* p_user_av, ProfileParam* p_params_av) {
-  CEntryScope scope_lv("on_frame");
-  (void)p_user_av;
-  (void)p_params_av;
-}
-
-// Status lists of the source ("listen" is raised here).
-void on_data2(void* p_user_av, ProfileParam* p_params_av) {
-  CEntryScope scope_lv("on_data2");
-  (void)p_user_av;
-  (void)p_params_av;
-}

@@ -84,6 +84,26 @@ void FinalMemoryScan() {
 
 }  // namespace
 
+int64_t ArcGetParams(int64_t i64_id_av, int32_t i_code_av) {
+  ArchiveGetParamsByTypeFn fn_lv = g_archive.GetParamsByType;
+  return fn_lv != nullptr ? fn_lv(i64_id_av, -1, i_code_av) : 0;
+}
+
+void ArcSetParams(int32_t i_code_av, int64_t i64_id_av, int64_t i64_value_av) {
+  ArchiveSetParamsByTypeFn fn_lv = g_archive.SetParamsByType;
+  if (fn_lv != nullptr) fn_lv(i_code_av, i64_id_av, i64_value_av);
+}
+
+int64_t ArcGetReq(int32_t i_handle_av, int32_t i_code_av) {
+  ArchiveGetParamsByTypeReqWriteFn fn_lv = g_archive.GetParamsByTypeReqWrite;
+  return fn_lv != nullptr ? fn_lv(i_handle_av, i_code_av) : 0;
+}
+
+int64_t ArcSetReq(int32_t i_handle_av, int32_t i_code_av, int64_t i64_value_av) {
+  ArchiveSetParamsByTypeReqWriteFn fn_lv = g_archive.SetParamsByTypeReqWrite;
+  return fn_lv != nullptr ? fn_lv(i_handle_av, i_code_av, i64_value_av) : 0;
+}
+
 CWriterGlobal::CWriterGlobal()
     : m_h_track_event(0),
       m_i64_empty_id(0),
@@ -95,6 +115,7 @@ CWriterGlobal::CWriterGlobal()
       m_b_work_mode_150602(0),
       m_b_work_mode_150605(0),
       m_b_work_mode_150607(0) {
+  m_speed_stat.m_i_print_form = 2;
   m_h_track_event = profile_open("track_event", nullptr, __FILE__, __LINE__);
   m_i64_empty_id = HashText("");
   m_i64_video_id = HashText("video");
@@ -148,6 +169,6 @@ void GlobalDeinit() {
   FinalMemoryScan();
   TRACE44(TLOG_ARC, "<root>writer: dll_free end bef GlobalDeinit44");
   LogDllUnload();
-  delete g_p_log_status_list;
-  g_p_log_status_list = nullptr;
+  // The saved subscriptions outlive the stability monitor's print thread;
+  // dll_free frees them after it.
 }

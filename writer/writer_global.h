@@ -8,6 +8,7 @@
 
 #include "host/include/archive_api.h"
 #include "host/include/core_api.h"
+#include "linux/common_use/diagnostic.h"
 #include "linux/common_use/temp/clist.h"
 
 struct TArchiveFns {
@@ -26,6 +27,13 @@ struct TArchiveFns {
 
 extern TArchiveFns g_archive;
 
+// The archive's generic doors; 0 (nothing known, nothing done) while the
+// library is not loaded.
+int64_t ArcGetParams(int64_t i64_id_av, int32_t i_code_av);
+void ArcSetParams(int32_t i_code_av, int64_t i64_id_av, int64_t i64_value_av);
+int64_t ArcGetReq(int32_t i_handle_av, int32_t i_code_av);
+int64_t ArcSetReq(int32_t i_handle_av, int32_t i_code_av, int64_t i64_value_av);
+
 class CWriterGlobal {
  public:
   CWriterGlobal();
@@ -35,6 +43,7 @@ class CWriterGlobal {
 
   TrackHandle m_h_track_event;
   CListOur m_list_writers;  // CWriter*, video and audio alike
+  TSpeedStat m_speed_stat;
   int64_t m_i64_empty_id;
   int64_t m_i64_video_id;
   int64_t m_i64_audio_id;

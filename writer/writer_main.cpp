@@ -10,6 +10,7 @@
 #include "linux/common_use/service/service4.h"
 #include "writer/writer_exchanger.h"
 #include "writer/writer_global.h"
+#include "writer/writer_atomic.h"
 #include "writer/writer_parcer.h"
 
 namespace {
@@ -53,7 +54,7 @@ void CloseTrack(TrackHandle* p_h_av) {
 void ComputeIds(TCameraInfoW* p_info_av) {
   SafeString name_lv;
   JoinKeys(p_info_av->m_s_arc_keys, 4, '$', &name_lv);
-  p_info_av->m_i64_id3 = HashOf(&name_lv);
+  AtomicPut(&p_info_av->m_i64_id3, HashOf(&name_lv));
   TRACE44(TLOG_ARC, "<root><<<---CWriterExchanger::OpenTrack name3 %s id3 %lld \r\n", Text(&name_lv),
           static_cast<long long>(p_info_av->m_i64_id3));
   JoinKeys(p_info_av->m_s_arc_keys, 2, '$', &name_lv);
@@ -75,17 +76,18 @@ void OpenEventTrack(CWriter* p_av) {
 // The settings that open and reconfiguration store alike.
 void StoreSettings(CWriter* p_av, const TWriterConfig* p_cfg_av) {
   TCameraInfoW* p_info_lv = p_av->m_camera_info_w;
-  p_av->m_by_event.prev_write = p_cfg_av->m_i64_prev_write;
-  p_av->m_by_event.post_write = p_cfg_av->m_i64_post_write;
+  // The frame path reads these without a lock while they change.
+  AtomicPut(&p_av->m_by_event.prev_write, p_cfg_av->m_i64_prev_write);
+  AtomicPut(&p_av->m_by_event.post_write, p_cfg_av->m_i64_post_write);
   p_info_lv->m_b_depth_restrict = p_cfg_av->m_b_depth_restrict != 0 ? 1 : 0;
   TextSet(&p_info_lv->m_s_in, &p_cfg_av->m_s_in);
   p_info_lv->m_i64_depth = p_cfg_av->m_i64_depth;
-  p_av->m_b_only_key_frame = p_cfg_av->m_b_only_key_frame != 0 ? 1 : 0;
+  AtomicPut(&p_av->m_b_only_key_frame, p_cfg_av->m_b_only_key_frame != 0 ? 1 : 0);
   p_info_lv->m_i_view_prior = p_cfg_av->m_i_view_prior;
 }
 
 void StoreStorage(TCameraInfoW* p_info_av, const SafeString* p_storage_av) {
-  p_info_av->m_i64_storage_id = HashOf(p_storage_av);
+  AtomicPut(&p_info_av->m_i64_storage_id, HashOf(p_storage_av));
   TextSet(&p_info_av->m_s_storage, p_storage_av);
 }
 
@@ -172,8 +174,7 @@ TCameraInfoW::TCameraInfoW(CWriter* p_writer_av)
       m_s_pass_text(),
       m_b_depth_restrict(0),
       m_i64_depth(I64_DEPTH_DEFAULT) {
-  m_p_write_buffering = SafeNew<CWriteBuffering>(I_SIGN_WRITER);
-  if (m_p_write_buffering != nullptr) m_p_write_buffering->m_p_writer = p_writer_av;
+  m_p_write_buffering = SafeNew<CWriteBuffering>(I_SIGN_WRITER, this);
 }
 
 // The buffering object goes first, so that its thread is gone before any
@@ -237,10 +238,10 @@ CWriter::CWriter()
       m_b_only_key_frame(0),
       m_i64_type_id(0) {
   m_by_event.m_p_writer = this;
-  SAFE_MEM_ALLOCB5(m_p_frame_stat, static_cast<int32_t>(sizeof(TFrameStat)), I_SIGN_WRITER);
+  SAFE_MEM_ALLOCB5(m_p_frame_stat, static_cast<int32_t>(sizeof(TWaitStat)), I_SIGN_WRITER);
   if (m_p_frame_stat != nullptr) {
-    memset(m_p_frame_stat, 0, sizeof(TFrameStat));
-    m_p_frame_stat->m_i_minus_one = -1;
+    memset(m_p_frame_stat, 0, sizeof(TWaitStat));
+    WaitStatInit(m_p_frame_stat, -1);
   }
   m_camera_info_w = SafeNew<TCameraInfoW>(I_SIGN_WRITER, this);
   if (m_camera_info_w != nullptr && m_camera_info_w->m_p_write_buffering != nullptr)
@@ -251,6 +252,7 @@ CWriter::~CWriter() {
   SafeDelete(m_p_schedule);
   TRACE44(TLOG_ARC_TRACE, "<buff>close start");
   SafeDelete(m_camera_info_w);
+  if (m_p_frame_stat != nullptr) WaitStatDestroy(m_p_frame_stat);
   SAFE_MEM_FREE(m_p_frame_stat);
   SafeStringDestroy(&m_s_type);
   SAFE_MEM_FREE(m_pb_params);
@@ -269,6 +271,10 @@ CWriterPair::CWriterPair() {
 }
 
 CWriterPair::~CWriterPair() {}
+
+int64_t InfoCamId(const TCameraInfoW* p_info_av) { return AtomicGet(&p_info_av->m_i64_id3); }
+
+int32_t InfoWriteHandle(const TCameraInfoW* p_info_av) { return AtomicGet(&p_info_av->m_dw_write_handle); }
 
 bool WriterIsAudio(const CWriter* p_av) {
   return g_p_writer_global != nullptr && p_av->m_i64_type_id == g_p_writer_global->m_i64_audio_id;
@@ -378,12 +384,12 @@ void ApplyTracks(CWriter* p_av, const TWriterConfig* p_cfg_av) {
 void ApplyByEvents(CWriter* p_av, bool b_by_events_av) {
   TCameraInfoW* p_info_lv = p_av->m_camera_info_w;
   if (b_by_events_av) {
-    p_info_lv->m_b_write_by_event = 1;
+    AtomicPut(&p_info_lv->m_b_write_by_event, 1);
     if (p_info_lv->m_i_view_prior == 0) p_info_lv->m_i_view_prior = 2;
     if (p_av->m_by_event.m_h_track_event == 0) OpenEventTrack(p_av);
     return;
   }
-  p_info_lv->m_b_write_by_event = 0;
+  AtomicPut(&p_info_lv->m_b_write_by_event, 0);
   if (p_info_lv->m_i_view_prior == 0) p_info_lv->m_i_view_prior = 1;
   CloseTrack(&p_av->m_by_event.m_h_track_event);
 }
@@ -414,7 +420,7 @@ void WriterPushSessionParams(CWriter* p_av) {
   TCameraInfoW* p_info_lv = p_av->m_camera_info_w;
   if (g_archive.SetParamsByTypeReqWrite == nullptr) return;
   for (int i_lv = 0; i_lv < 10; i_lv++) {
-    int32_t i_handle_lv = p_info_lv->m_dw_write_handle;
+    int32_t i_handle_lv = InfoWriteHandle(p_info_lv);
     if (i_handle_lv == INVALIDATE_WRITE_HANDLE) return;
     if (g_archive.SetParamsByTypeReqWrite(i_handle_lv, 27, 1) == 0) continue;
     g_archive.SetParamsByTypeReqWrite(i_handle_lv, 70, p_info_lv->m_b_depth_restrict != 0 ? 1 : 0);

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "host/include/core_api.h"
+#include "linux/common_use/diagnostic.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_sync.h"
 #include "writer/writer_buffering.h"
@@ -30,13 +31,6 @@ const int32_t I_CODE_START_AUDIO = 104;
 const int32_t I_CODE_LEAVE_VIDEO = 89;
 const int32_t I_CODE_LEAVE_AUDIO = 105;
 
-// Statistic record of the frame path.
-struct TFrameStat {
-  int64_t m_i64_words[4];  // the fourth word's low half: the slot of the running on_frame
-  void* m_p_wait_stat;     // wait statistic block, 32-aligned
-  int32_t m_i_minus_one;
-};
-
 // The channel's status block; its first field mirrors write_by_event.
 struct TWriterStatus {
   int32_t m_b_write_by_event;
@@ -50,6 +44,10 @@ struct TWriterStatus {
   int64_t m_i64_sched_last_get;
   char m_s_ring1[1024];
   char m_s_ring2[1024];
+  int32_t m_b_is_write_error;
+  int64_t m_i64_last_alive_confirm;
+  int64_t m_i64_buff_thread_last_itter;
+  int32_t m_i_buff_frames[2];  // records in each of the two buffers
 };
 
 class TCameraInfoW {
@@ -99,7 +97,7 @@ class CWriter {
   // Kept as the base of the type; nothing calls it.
   virtual void OnError();
 
-  TFrameStat* m_p_frame_stat;
+  TWaitStat* m_p_frame_stat;  // wait statistic of on_frame; its slot is the running call's
   int64_t m_i64_last_stat_print;
   uint8_t* m_pb_frame_block;
   uint32_t m_ui_frame_block_size;
@@ -191,6 +189,9 @@ struct TWriterConfig {
 // channel's event list.
 void WriterParseParams(CWriter* p_av, ProfileParam* p_params_av, TWriterConfig* p_cfg_av);
 bool WriterIsAudio(const CWriter* p_av);
+// The camera id and the write handle, read whole by any thread.
+int64_t InfoCamId(const TCameraInfoW* p_info_av);
+int32_t InfoWriteHandle(const TCameraInfoW* p_info_av);
 void WriterOpen(CWriter* p_av, ProfileParam* p_params_av);
 void WriterCloseTracks(CWriter* p_av);
 void WriterStart(CWriter* p_av);
