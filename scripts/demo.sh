@@ -1,18 +1,28 @@
 #!/usr/bin/env bash
-# The demonstration: installs what is missing, builds, and runs the base
-# layer's benchmarks (trace calls, activity marks, checked memory, hashing,
-# bus delivery), then prints a summary.
+# The demonstration: installs what is missing, builds everything, records
+# the embedded default camera (synthetic video at 25 fps and 20 ms PCMA
+# audio) with writer-host for about ten seconds into a fresh folder, then
+# lists what the archive holds and checks it.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh"
 "$root/scripts/build.sh" "$root/build"
-out=$(mktemp)
-for b in bench_base bench_bus; do
-  if [ -x "$root/build/bin/$b" ]; then
-    "$root/build/bin/$b" --benchmark_min_time=0.2 | tee -a "$out"
-  fi
-done
+bin="$root/build/bin"
+run=$(mktemp -d /tmp/writer-demo.XXXXXX)
 echo
-echo "== summary (time per operation)"
-grep -E '^[A-Za-z_][^ ]* +[0-9.]+ (ns|us|ms) ' "$out" | awk '{printf "  %-48s %10s %s\n", $1, $2, $3}'
-rm -f "$out"
+echo "== recording for 10 s into $run"
+set +e
+"$bin/writer-host" --archive "$run/archive" --log "$run/log" --state "$run" --duration 10
+status=$?
+set -e
+echo
+echo "== writer-archive list --root $run/archive"
+"$bin/writer-archive" list --root "$run/archive"
+echo
+echo "== writer-archive verify --root $run/archive"
+"$bin/writer-archive" verify --root "$run/archive" | tail -n 1
+echo
+echo "== summary"
+echo "  writer-host exit status: $status (0: every camera recorded)"
+echo "  archive: $(du -sh "$run/archive" | cut -f1) in $run/archive; logs in $run/log"
+exit $status

@@ -1,0 +1,190 @@
+// writer-host: the reference server. Loads the bus, the log library, the
+// archive and libwriter.so, feeds the configured cameras to the plug-in for
+// the run's duration, and tells what was recorded.
+#include <signal.h>
+
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/server/srv_config.h"
+#include "host/server/srv_crash.h"
+#include "host/server/srv_plugin.h"
+#include "host/server/srv_progress.h"
+#include "host/server/srv_source.h"
+#include "host/server/srv_tracks.h"
+#include "platform/pl_clock.h"
+#include "platform/pl_os.h"
+
+namespace {
+
+const int EXIT_BAD_CONFIG = 2;
+const int EXIT_NO_PLUGIN = 3;
+
+volatile std::sig_atomic_t g_i_stop_signal = 0;
+
+void OnStopSignal(int i_sig_av) { g_i_stop_signal = i_sig_av; }
+
+double SecondsSince(int64_t i64_perf_av) {
+  return static_cast<double>(PlPerfCounter() - i64_perf_av) / static_cast<double>(PlPerfFrequency());
+}
+
+std::string ExeDir() {
+  char s_lv[4096];
+  size_t ui_len_lv = PlExePath(s_lv, sizeof(s_lv));
+  std::string s_path_lv(s_lv, ui_len_lv);
+  size_t ui_slash_lv = s_path_lv.rfind('/');
+  return ui_slash_lv == std::string::npos ? "." : s_path_lv.substr(0, ui_slash_lv);
+}
+
+// Everything the run made, so that one function can take it down in order.
+struct Run {
+  SrvSettings* m_p_settings = nullptr;
+  SrvPlugin m_plugin;
+  SrvHostTracks m_tracks;
+  SrvFlow m_flow;
+  std::vector<std::unique_ptr<SrvSource>> m_sources;
+  std::vector<void*> m_pairs;
+  SrvMonitor m_monitor;
+};
+
+bool OpenSources(Run* p_av, std::string* p_error_av) {
+  const std::vector<SrvCamera>& cams_lv = p_av->m_p_settings->m_cameras;
+  for (size_t ui_lv = 0; ui_lv < cams_lv.size(); ui_lv++) {
+    p_av->m_sources.emplace_back(new SrvSource());
+    if (!SrvSourceOpen(p_av->m_sources.back().get(), &cams_lv[ui_lv], p_av->m_p_settings, &p_av->m_flow,
+                       static_cast<uint32_t>(ui_lv + 1), p_error_av))
+      return *p_error_av = "camera " + cams_lv[ui_lv].m_s_name + ": " + *p_error_av, false;
+  }
+  return true;
+}
+
+void OpenCameras(Run* p_av) {
+  for (const SrvCamera& cam_lv : p_av->m_p_settings->m_cameras) {
+    void* p_pair_lv = SrvPluginOpenCamera(&p_av->m_plugin, cam_lv);
+    if (p_pair_lv == nullptr) printf("camera %s: the plug-in refused to open it\n", cam_lv.m_s_name.c_str());
+    p_av->m_pairs.push_back(p_pair_lv);
+  }
+  for (void* p_pair_lv : p_av->m_pairs)
+    if (p_pair_lv != nullptr) SrvPluginStartCamera(&p_av->m_plugin, p_pair_lv);
+}
+
+// Runs until the duration has passed, every source has ended, or a signal.
+void WaitForEnd(Run* p_av, int64_t i64_start_av) {
+  double d_duration_lv = p_av->m_p_settings->m_d_duration_s;
+  while (g_i_stop_signal == 0) {
+    if (d_duration_lv > 0 && SecondsSince(i64_start_av) >= d_duration_lv) return;
+    bool b_all_done_lv = true;
+    for (const auto& p_src_lv : p_av->m_sources) b_all_done_lv = b_all_done_lv && p_src_lv->m_counts.m_b_done;
+    if (b_all_done_lv) return;
+    PlSleep(50);
+  }
+  printf("writer-host: signal %d, stopping\n", static_cast<int>(g_i_stop_signal));
+}
+
+// Frames still in the plug-in's buffers are lost when a channel closes:
+// give the writer time to store them, until all are dealt with or nothing
+// moves any more.
+void Drain(Run* p_av) {
+  int64_t i64_start_lv = PlPerfCounter(), i64_moved_lv = PlPerfCounter(), i64_last_lv = -1;
+  while (SecondsSince(i64_start_lv) < p_av->m_p_settings->m_d_drain_s && g_i_stop_signal == 0) {
+    int64_t i64_written_lv = 0, i64_passes_lv = 0;
+    SrvMonitorRefresh(&p_av->m_monitor, &i64_written_lv, &i64_passes_lv);
+    ArchiveStats st_lv = SrvPluginArchiveStats(&p_av->m_plugin);
+    if (i64_written_lv + i64_passes_lv + st_lv.writes_refused + st_lv.writes_failed >= p_av->m_flow.m_i64_wanted) return;
+    if (i64_written_lv != i64_last_lv) {
+      i64_last_lv = i64_written_lv;
+      i64_moved_lv = PlPerfCounter();
+    } else if (SecondsSince(i64_moved_lv) > 1.5) {
+      return;
+    }
+    PlSleep(50);
+  }
+}
+
+int Record(Run* p_av) {
+  std::string s_error_lv;
+  if (!SrvPluginInit(&p_av->m_plugin, &s_error_lv)) {
+    fprintf(stderr, "writer-host: %s\n", s_error_lv.c_str());
+    return EXIT_NO_PLUGIN;
+  }
+  if (!OpenSources(p_av, &s_error_lv)) {
+    fprintf(stderr, "writer-host: %s\n", s_error_lv.c_str());
+    return EXIT_BAD_CONFIG;
+  }
+  const SrvSettings& set_lv = *p_av->m_p_settings;
+  printf("writer-host: plug-in up (template %zu bytes); %zu camera(s); archive %s; log %s\n",
+         p_av->m_plugin.m_s_fish.size(), set_lv.m_cameras.size(), set_lv.m_s_archive_root.c_str(),
+         set_lv.m_s_log_dir.c_str());
+  OpenCameras(p_av);
+  p_av->m_monitor.m_p_settings = p_av->m_p_settings;
+  p_av->m_monitor.m_p_plugin = &p_av->m_plugin;
+  p_av->m_monitor.m_p_tracks = &p_av->m_tracks;
+  p_av->m_monitor.m_p_flow = &p_av->m_flow;
+  for (const auto& p_src_lv : p_av->m_sources) p_av->m_monitor.m_sources.push_back(p_src_lv.get());
+  SrvMonitorStart(&p_av->m_monitor);
+  int64_t i64_start_lv = PlPerfCounter();
+  SrvHostTracksGo(&p_av->m_tracks);
+  for (const auto& p_src_lv : p_av->m_sources) SrvSourceGo(p_src_lv.get());
+  WaitForEnd(p_av, i64_start_lv);
+  double d_run_lv = SecondsSince(i64_start_lv);
+  for (const auto& p_src_lv : p_av->m_sources) SrvSourceClose(p_src_lv.get());
+  Drain(p_av);
+  SrvHostTracksStopScript(&p_av->m_tracks);
+  SrvMonitorStop(&p_av->m_monitor);
+  for (void* p_pair_lv : p_av->m_pairs)
+    if (p_pair_lv != nullptr) SrvPluginCloseCamera(&p_av->m_plugin, p_pair_lv);
+  p_av->m_pairs.clear();
+  SrvPluginFree(&p_av->m_plugin);
+  return SrvPrintSummary(&p_av->m_monitor, d_run_lv);
+}
+
+int RunServer(SrvSettings* p_settings_av) {
+  Run run_lv;
+  run_lv.m_p_settings = p_settings_av;
+  std::string s_error_lv;
+  if (!SrvPluginLoad(&run_lv.m_plugin, *p_settings_av, &s_error_lv)) {
+    fprintf(stderr, "writer-host: %s\n", s_error_lv.c_str());
+    SrvPluginUnload(&run_lv.m_plugin);
+    return EXIT_NO_PLUGIN;
+  }
+  SrvCrashInstall(run_lv.m_plugin.m_p_exception_filter);
+  signal(SIGINT, &OnStopSignal);
+  signal(SIGTERM, &OnStopSignal);
+  SrvHostTracksOpen(&run_lv.m_tracks, p_settings_av);
+  int i_rc_lv = Record(&run_lv);
+  // Whatever Record reached, the order down is the same.
+  for (const auto& p_src_lv : run_lv.m_sources) SrvSourceClose(p_src_lv.get());
+  for (void* p_pair_lv : run_lv.m_pairs)
+    if (p_pair_lv != nullptr) SrvPluginCloseCamera(&run_lv.m_plugin, p_pair_lv);
+  SrvPluginFree(&run_lv.m_plugin);
+  SrvHostTracksClose(&run_lv.m_tracks);
+  SrvPluginUnload(&run_lv.m_plugin);
+  SrvCrashUninstall();
+  return i_rc_lv;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  SrvSettings settings_lv;
+  settings_lv.m_s_exe_dir = ExeDir();
+  std::string s_error_lv;
+  if (!SrvParseArgs(argc, argv, &settings_lv, &s_error_lv)) {
+    fprintf(stderr, "writer-host: %s\n(writer-host --help lists the options)\n", s_error_lv.c_str());
+    return EXIT_BAD_CONFIG;
+  }
+  if (settings_lv.m_b_help) {
+    printf("%s", SRV_USAGE);
+    return 0;
+  }
+  std::string s_archive_lv;
+  if (!SrvLoadCameras(&settings_lv, &s_error_lv) || !SrvArchiveConfig(settings_lv, &s_archive_lv, &s_error_lv)) {
+    fprintf(stderr, "writer-host: %s\n", s_error_lv.c_str());
+    return EXIT_BAD_CONFIG;
+  }
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  return RunServer(&settings_lv);
+}

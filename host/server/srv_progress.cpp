@@ -1,0 +1,198 @@
+// Progress lines, the pass count and the summary of writer-host (see
+// srv_progress.h).
+#include "host/server/srv_progress.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+#include "host/archive/arc_format.h"
+#include "host/archive/arc_reader.h"
+#include "host/server/srv_crash.h"
+#include "platform/pl_clock.h"
+
+const char* const SRV_PASS_TAG = "<error3> narusheno usl";
+
+int64_t SrvPassCounterUpdate(SrvPassCounter* p_av) {
+  std::ifstream in_lv(p_av->m_s_path, std::ios::binary);
+  if (!in_lv) return p_av->m_i64_count;
+  in_lv.seekg(0, std::ios::end);
+  int64_t i64_size_lv = static_cast<int64_t>(in_lv.tellg());
+  if (i64_size_lv < p_av->m_i64_offset) p_av->m_i64_offset = 0, p_av->m_s_tail.clear();  // emptied
+  if (i64_size_lv == p_av->m_i64_offset) return p_av->m_i64_count;
+  std::string s_lv(static_cast<size_t>(i64_size_lv - p_av->m_i64_offset), 0);
+  in_lv.seekg(p_av->m_i64_offset);
+  in_lv.read(&s_lv[0], static_cast<std::streamsize>(s_lv.size()));
+  s_lv.resize(static_cast<size_t>(in_lv.gcount()));
+  p_av->m_i64_offset += static_cast<int64_t>(s_lv.size());
+  s_lv = p_av->m_s_tail + s_lv;
+  size_t ui_tag_lv = strlen(SRV_PASS_TAG);
+  for (size_t ui_at_lv = s_lv.find(SRV_PASS_TAG); ui_at_lv != std::string::npos;
+       ui_at_lv = s_lv.find(SRV_PASS_TAG, ui_at_lv + ui_tag_lv))
+    p_av->m_i64_count++;
+  // Keep less than one tag, so that a tag cut by the read counts once.
+  p_av->m_s_tail = s_lv.size() >= ui_tag_lv ? s_lv.substr(s_lv.size() - (ui_tag_lv - 1)) : s_lv;
+  return p_av->m_i64_count;
+}
+
+namespace {
+
+double SecondsSince(int64_t i64_perf_av) {
+  return static_cast<double>(PlPerfCounter() - i64_perf_av) / static_cast<double>(PlPerfFrequency());
+}
+
+// The plug-in's buffer memory; empty when it does not answer the query.
+std::string BufferMemory(SrvMonitor* p_av) {
+  if (!p_av->m_b_ask_memory) return "";
+  std::string s_lv = SrvPluginQuery(p_av->m_p_plugin, "{\"query_id\":\"common_status\"}");
+  size_t ui_at_lv = s_lv.find("\"buffs_used_mem\":");
+  if (ui_at_lv == std::string::npos) {
+    p_av->m_b_ask_memory = false;  // the plug-in does not tell; don't ask every second
+    return "";
+  }
+  char s_out_lv[32];
+  snprintf(s_out_lv, sizeof(s_out_lv), "%.1f MB", atof(s_lv.c_str() + ui_at_lv + 17) / 1e6);
+  return s_out_lv;
+}
+
+void PrintProgress(SrvMonitor* p_av) {
+  int64_t i64_written_lv = 0, i64_passes_lv = 0, i64_sent_lv = 0;
+  SrvMonitorRefresh(p_av, &i64_written_lv, &i64_passes_lv);
+  for (SrvSource* p_src_lv : p_av->m_sources) i64_sent_lv += p_src_lv->m_counts.m_i64_sent;
+  std::string s_mem_lv = BufferMemory(p_av);
+  for (const std::string& s_line_lv : SrvHostTracksTakeLines(p_av->m_p_tracks)) printf("  %s\n", s_line_lv.c_str());
+  for (SrvSource* p_src_lv : p_av->m_sources) {
+    const char* s_note_lv = p_src_lv->m_p_note.exchange(nullptr);
+    if (s_note_lv != nullptr) printf("  %s: %s\n", p_src_lv->m_p_camera->m_s_name.c_str(), s_note_lv);
+  }
+  if (!p_av->m_p_settings->m_b_quiet)
+    printf("[%5.1f s] cameras %zu  sent %lld  written %lld  passes %lld  buffers %s\n", SecondsSince(p_av->m_i64_start_perf),
+           p_av->m_sources.size(), static_cast<long long>(i64_sent_lv), static_cast<long long>(i64_written_lv),
+           static_cast<long long>(i64_passes_lv), s_mem_lv.empty() ? "n/a" : s_mem_lv.c_str());
+  fflush(stdout);
+}
+
+uint32_t MonitorThread(void* p_arg_av) {
+  SrvMonitor* p_lv = static_cast<SrvMonitor*>(p_arg_av);
+  SrvCrashThreadBegin();
+  int i_tick_lv = 0;
+  while (p_lv->m_p_stop->Wait(100) != PL_WAIT_OBJECT_0) {
+    int64_t i64_written_lv = 0, i64_passes_lv = 0;
+    SrvMonitorRefresh(p_lv, &i64_written_lv, &i64_passes_lv);
+    if (++i_tick_lv % 10 != 0) continue;
+    SrvHostTracksCheckAlive(p_lv->m_p_tracks);
+    PrintProgress(p_lv);
+  }
+  SrvCrashThreadEnd();
+  return 0;
+}
+
+}  // namespace
+
+void SrvMonitorRefresh(SrvMonitor* p_av, int64_t* p_written_av, int64_t* p_passes_av) {
+  *p_written_av = SrvPluginArchiveStats(p_av->m_p_plugin).frames_written;
+  {
+    PlCritLock lock_lv(&p_av->m_crit_sect);
+    *p_passes_av = SrvPassCounterUpdate(&p_av->m_passes);
+  }
+  p_av->m_p_flow->m_i64_dealt = *p_written_av + *p_passes_av;
+}
+
+void SrvMonitorStart(SrvMonitor* p_av) {
+  p_av->m_passes.m_s_path = p_av->m_p_settings->m_s_log_dir + "/arc.log";
+  // Lines of earlier runs in the same folder are not this run's passes.
+  SrvPassCounterUpdate(&p_av->m_passes);
+  p_av->m_passes.m_i64_count = 0;
+  p_av->m_i64_start_perf = PlPerfCounter();
+  p_av->m_p_stop = new PlEvent(true, false);
+  p_av->m_p_thread = PlThread::Create(&MonitorThread, p_av, 0, false);
+}
+
+void SrvMonitorStop(SrvMonitor* p_av) {
+  if (p_av->m_p_stop != nullptr) p_av->m_p_stop->Set();
+  if (p_av->m_p_thread != nullptr) {
+    p_av->m_p_thread->Join(PL_INFINITE);
+    PlThread::Close(p_av->m_p_thread);
+  }
+  p_av->m_p_thread = nullptr;
+  delete p_av->m_p_stop;
+  p_av->m_p_stop = nullptr;
+}
+
+SrvStored SrvStoredOf(const std::string& s_root_av, const SrvCamera& camera_av) {
+  const char* keys_lv[5];
+  int32_t sizes_lv[5];
+  for (int i_lv = 0; i_lv < 5; i_lv++) {
+    keys_lv[i_lv] = camera_av.m_s_arc_keys[i_lv].c_str();
+    sizes_lv[i_lv] = static_cast<int32_t>(camera_av.m_s_arc_keys[i_lv].size() + 1);
+  }
+  SrvStored out_lv;
+  out_lv.m_s_folder = warc::CameraFolderName(keys_lv, sizes_lv, 5);
+  for (const warc::StreamRef& stream_lv : warc::FindStreams(s_root_av)) {
+    size_t ui_slash_lv = stream_lv.m_s_camera.rfind('/');
+    std::string s_last_lv = ui_slash_lv == std::string::npos ? stream_lv.m_s_camera : stream_lv.m_s_camera.substr(ui_slash_lv + 1);
+    if (s_last_lv != out_lv.m_s_folder) continue;
+    warc::StreamSummary sum_lv = warc::SummariseStream(stream_lv, 50000000);
+    (stream_lv.m_s_kind == "audio" ? out_lv.m_ui64_audio : out_lv.m_ui64_video) += sum_lv.m_ui64_frames;
+    out_lv.m_ui64_keys += stream_lv.m_s_kind == "audio" ? 0 : sum_lv.m_ui64_key_frames;
+  }
+  return out_lv;
+}
+
+namespace {
+
+// One camera's lines; false when it should have recorded and stored nothing.
+bool PrintCamera(const SrvSettings& settings_av, const SrvSource& src_av) {
+  const SrvCamera& cam_lv = *src_av.m_p_camera;
+  const SrvSourceCounts& c_lv = src_av.m_counts;
+  SrvStored stored_lv = SrvStoredOf(settings_av.m_s_archive_root, cam_lv);
+  printf("camera %s (archive folder %s)\n", cam_lv.m_s_name.c_str(), stored_lv.m_s_folder.c_str());
+  printf("  sent     %lld video, %lld audio, %lld key frames, %.1f MB; wanted %lld (%lld need answers); "
+         "%d listening, %d asked for frames\n",
+         static_cast<long long>(c_lv.m_i64_video.load()), static_cast<long long>(c_lv.m_i64_audio.load()),
+         static_cast<long long>(c_lv.m_i64_keys.load()), static_cast<double>(c_lv.m_i64_bytes) / 1e6,
+         static_cast<long long>(c_lv.m_i64_wanted.load()), static_cast<long long>(c_lv.m_i64_need_answers.load()),
+         c_lv.m_i_listeners.load(), c_lv.m_i_gets.load());
+  printf("  stored   %llu video (%llu key), %llu audio\n", static_cast<unsigned long long>(stored_lv.m_ui64_video),
+         static_cast<unsigned long long>(stored_lv.m_ui64_keys), static_cast<unsigned long long>(stored_lv.m_ui64_audio));
+  bool b_ok_lv = !cam_lv.m_b_must_record || stored_lv.m_ui64_video + stored_lv.m_ui64_audio > 0;
+  if (!b_ok_lv) printf("  FAILED: this camera should record and stored nothing\n");
+  return b_ok_lv;
+}
+
+}  // namespace
+
+int SrvPrintSummary(SrvMonitor* p_av, double d_run_s_av) {
+  const SrvSettings& settings_lv = *p_av->m_p_settings;
+  int64_t i64_wanted_lv = 0, i64_passes_lv = 0;
+  {
+    PlCritLock lock_lv(&p_av->m_crit_sect);
+    i64_passes_lv = SrvPassCounterUpdate(&p_av->m_passes);
+  }
+  printf("\n== writer-host summary: %.1f s, %s pacing\n", d_run_s_av, settings_lv.m_b_paced ? "real-time" : "fast");
+  bool b_ok_lv = true;
+  for (SrvSource* p_src_lv : p_av->m_sources) {
+    b_ok_lv = PrintCamera(settings_lv, *p_src_lv) && b_ok_lv;
+    i64_wanted_lv += p_src_lv->m_counts.m_i64_wanted;
+  }
+  ArchiveStats st_lv = SrvPluginArchiveStats(p_av->m_p_plugin);
+  printf("archive  %lld frames written (%.1f MB), %lld sessions opened, %lld closed, %lld opens refused, "
+         "%lld writes refused, %lld failed, %lld segments\n",
+         static_cast<long long>(st_lv.frames_written), static_cast<double>(st_lv.bytes_written) / 1e6,
+         static_cast<long long>(st_lv.sessions_opened), static_cast<long long>(st_lv.sessions_closed),
+         static_cast<long long>(st_lv.opens_refused), static_cast<long long>(st_lv.writes_refused),
+         static_cast<long long>(st_lv.writes_failed), static_cast<long long>(st_lv.segments_created));
+  int64_t i64_open_lv = i64_wanted_lv - st_lv.frames_written - st_lv.writes_refused - st_lv.writes_failed - i64_passes_lv;
+  printf("frames   %lld wanted, %lld passed over, %lld neither stored nor passed\n", static_cast<long long>(i64_wanted_lv),
+         static_cast<long long>(i64_passes_lv), static_cast<long long>(i64_open_lv < 0 ? 0 : i64_open_lv));
+  SrvHostTracks* p_tr_lv = p_av->m_p_tracks;
+  printf("host     %lld calendar answers, %lld camera look-ups, %lld script events, %lld plug-in events, "
+         "%lld liveness silences\n",
+         static_cast<long long>(p_tr_lv->m_i64_calendar_answers.load()),
+         static_cast<long long>(p_tr_lv->m_i64_camera_answers.load()),
+         static_cast<long long>(p_tr_lv->m_i64_script_posted.load()),
+         static_cast<long long>(p_tr_lv->m_i64_plugin_events.load()), static_cast<long long>(p_tr_lv->m_i64_silences.load()));
+  printf("result   %s\n", b_ok_lv ? "OK" : "FAILED: a camera stored nothing");
+  fflush(stdout);
+  return b_ok_lv ? 0 : 1;
+}

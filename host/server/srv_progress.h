@@ -1,0 +1,60 @@
+// What writer-host tells while it runs and at the end: a progress line a
+// second (cameras, frames sent, frames written, passes, buffer memory), the
+// host tracks' news, and a summary per camera with the archive's totals.
+// Frames passed over are counted from the plug-in's main log, where each
+// pass leaves one line. Driven by main; the monitor thread also feeds the
+// sources' fast pacing.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/server/srv_config.h"
+#include "host/server/srv_plugin.h"
+#include "host/server/srv_source.h"
+#include "host/server/srv_tracks.h"
+#include "platform/pl_sync.h"
+#include "platform/pl_thread.h"
+
+// Counts the plug-in's pass lines in a log file as it grows.
+struct SrvPassCounter {
+  std::string m_s_path;
+  int64_t m_i64_offset = 0;
+  int64_t m_i64_count = 0;
+  std::string m_s_tail;  // end of the last read, in case a line was cut
+};
+extern const char* const SRV_PASS_TAG;
+int64_t SrvPassCounterUpdate(SrvPassCounter* p_av);
+
+struct SrvMonitor {
+  const SrvSettings* m_p_settings = nullptr;
+  SrvPlugin* m_p_plugin = nullptr;
+  SrvHostTracks* m_p_tracks = nullptr;
+  std::vector<SrvSource*> m_sources;
+  SrvFlow* m_p_flow = nullptr;
+  SrvPassCounter m_passes;
+  PlCritSect m_crit_sect;   // guards the pass counter: the thread and main both read it
+  bool m_b_ask_memory = true;
+  int64_t m_i64_start_perf = 0;
+  PlEvent* m_p_stop = nullptr;
+  PlThread* m_p_thread = nullptr;
+};
+
+void SrvMonitorStart(SrvMonitor* p_av);
+void SrvMonitorStop(SrvMonitor* p_av);
+// Written + passed, as the monitor last saw them; also refreshes the flow.
+void SrvMonitorRefresh(SrvMonitor* p_av, int64_t* p_written_av, int64_t* p_passes_av);
+
+// What the archive holds of one camera.
+struct SrvStored {
+  std::string m_s_folder;
+  uint64_t m_ui64_video = 0;
+  uint64_t m_ui64_audio = 0;
+  uint64_t m_ui64_keys = 0;
+};
+SrvStored SrvStoredOf(const std::string& s_root_av, const SrvCamera& camera_av);
+
+// Prints the summary; gives the exit status (1 when a camera that should
+// record stored nothing).
+int SrvPrintSummary(SrvMonitor* p_av, double d_run_s_av);

@@ -1,0 +1,68 @@
+// One camera's source, as a source plug-in of the host would run it: its own
+// thread sends frame messages on the camera's media track, counts the
+// `need` answers, asks on the status track how many listen, and starts when
+// the recording channels ask for frames ("frame" with a "get" marker).
+// Made and driven by main; read by the progress report.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "host/include/core_api.h"
+#include "host/server/srv_config.h"
+#include "host/server/srv_media.h"
+#include "platform/pl_sync.h"
+#include "platform/pl_thread.h"
+
+// Shared by all sources: frames someone wanted, and what the archive side
+// has dealt with (stored or passed over), for pacing as fast as the writer
+// takes them.
+struct SrvFlow {
+  std::atomic<int64_t> m_i64_wanted{0};
+  std::atomic<int64_t> m_i64_dealt{0};
+};
+
+struct SrvSourceCounts {
+  std::atomic<int64_t> m_i64_sent{0};
+  std::atomic<int64_t> m_i64_video{0};
+  std::atomic<int64_t> m_i64_audio{0};
+  std::atomic<int64_t> m_i64_keys{0};
+  std::atomic<int64_t> m_i64_wanted{0};        // frames with at least one `need` answer
+  std::atomic<int64_t> m_i64_wanted_video{0};
+  std::atomic<int64_t> m_i64_wanted_audio{0};
+  std::atomic<int64_t> m_i64_need_answers{0};  // sum of all answers
+  std::atomic<int64_t> m_i64_bytes{0};
+  std::atomic<int32_t> m_i_listeners{0};       // last `listen` answer
+  std::atomic<int32_t> m_i_gets{0};            // "get" requests seen
+  std::atomic<bool> m_b_done{false};
+};
+
+struct SrvSource {
+  const SrvCamera* m_p_camera = nullptr;
+  const SrvSettings* m_p_settings = nullptr;
+  SrvFlow* m_p_flow = nullptr;
+  uint32_t m_ui_seed = 0;
+  bool m_b_file = false;
+  SrvSynthetic m_synthetic;
+  SrvH264File m_file;
+  TrackHandle m_h_media = 0;
+  TrackHandle m_h_status = 0;
+  PlEvent* m_p_go = nullptr;    // main says the plug-in is started
+  PlEvent* m_p_get = nullptr;   // a channel asked for frames
+  PlEvent* m_p_stop = nullptr;
+  PlThread* m_p_thread = nullptr;
+  SrvSourceCounts m_counts;
+  std::atomic<const char*> m_p_note{nullptr};  // a line for people, from the thread
+};
+
+// Loads the media and joins the tracks; the thread waits for SrvSourceGo.
+bool SrvSourceOpen(SrvSource* p_av, const SrvCamera* p_camera_av, const SrvSettings* p_settings_av, SrvFlow* p_flow_av,
+                   uint32_t ui_seed_av, std::string* p_error_av);
+void SrvSourceGo(SrvSource* p_av);
+// Stops the thread, leaves the tracks and frees what Open made.
+void SrvSourceClose(SrvSource* p_av);
+// Sends one "status" message with a `listen` counter; gives the count.
+int32_t SrvSourceAskListeners(SrvSource* p_av);
+// Sends one frame message and counts the answers; gives the `need` count.
+int32_t SrvSourceSendFrame(SrvSource* p_av, const SrvMediaFrame& frame_av, int64_t i64_time_us_av);
