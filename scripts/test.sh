@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, builds, runs every test,
 # then builds and runs it all again under AddressSanitizer with
-# UndefinedBehaviorSanitizer. Any failure or sanitizer report fails it.
+# UndefinedBehaviorSanitizer, and once more under ThreadSanitizer. Any
+# failure or sanitizer report fails it.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh"
@@ -16,3 +17,6 @@ echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:halt_on_error=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 (cd "$root/build-asan" && ctest --output-on-failure -j "$jobs")
+
+echo "== ThreadSanitizer build"
+"$root/scripts/tsan.sh"

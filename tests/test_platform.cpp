@@ -224,7 +224,7 @@ TEST(Thread, RunsOnTheAskedStackAndReportsItsEnd) {
   struct Ctx { PlEvent* go; std::atomic<uint32_t>* id; } ctx{&go, &inner_id};
   auto fn = [](void* p) -> uint32_t {
     Ctx* c = static_cast<Ctx*>(p);
-    volatile char big[150000];  // must fit in 200,000 bytes of stack
+    volatile char big[100000];  // half of the 200,000 bytes asked for
     memset(const_cast<char*>(big), 1, sizeof(big));
     c->id->store(PlThreadCurrentId());
     c->go->Wait(PL_INFINITE);

@@ -76,7 +76,8 @@ void LogStatusAdd(CLogStatusList* p_list_av, const SafeString* p_text_av) {
     }
   }
   delete p_new_lv;
-  if (g_p_log_site_version != nullptr) PlAtomicAdd64(g_p_log_site_version, 1);
+  int64_t* p_version_lv = __atomic_load_n(&g_p_log_site_version, __ATOMIC_ACQUIRE);
+  if (p_version_lv != nullptr) PlAtomicAdd64(p_version_lv, 1);
   LogStatusRecomputeAllOff(p_list_av);
 }
 

@@ -71,8 +71,8 @@ void StableGiveBack(StableObject* p_av, StableSlot* p_slot_av) {
   PlCritLock lock_lv(p_av->m_p_lock);
   p_slot_av->m_p_next = p_av->m_p_end;
   int64_t i64_now_lv = PlPerfCounter();
-  p_av->m_i64_time[p_slot_av->m_i_timing_point] += i64_now_lv - p_slot_av->m_i64_start_ticks;
-  p_slot_av->m_i_timing_point = 0;
+  StableAdd(&p_av->m_i64_time[p_slot_av->m_i_timing_point], i64_now_lv - p_slot_av->m_i64_start_ticks);
+  StableStore(&p_slot_av->m_i_timing_point, 0);
   p_av->m_p_tail->m_p_next = p_slot_av;
   p_av->m_p_tail = p_slot_av;
 }
@@ -81,11 +81,11 @@ void StableCopyName(char* s_out_av, const char* s_name_av) {
   int32_t i_len_lv = 0;
   if (s_name_av != nullptr) {
     while (i_len_lv < STABLE_NAME_MAX && s_name_av[i_len_lv] != 0) {
-      s_out_av[i_len_lv] = s_name_av[i_len_lv];
+      StableStore(&s_out_av[i_len_lv], s_name_av[i_len_lv]);
       ++i_len_lv;
     }
   }
-  s_out_av[i_len_lv] = 0;
+  StableStore(&s_out_av[i_len_lv], static_cast<char>(0));
 }
 
 // ---------------------------------------------------------------------------
@@ -97,9 +97,9 @@ void StableUtcNow(PlCalendar* p_cal_av) {
 }
 
 void StableStoreTime(StableObject* p_av, const PlCalendar* p_cal_av) {
-  p_av->m_i_day = p_cal_av->i_day;
-  p_av->m_i_hour = p_cal_av->i_hour;
-  p_av->m_i_minute = p_cal_av->i_minute;
+  StableStore(&p_av->m_i_day, p_cal_av->i_day);
+  StableStore(&p_av->m_i_hour, p_cal_av->i_hour);
+  StableStore(&p_av->m_i_minute, p_cal_av->i_minute);
 }
 
 // ---------------------------------------------------------------------------
@@ -248,6 +248,23 @@ int StableOpenForPass(const char* s_path_av, int32_t* p_lines_av) {
   return fd_lv;
 }
 
+// One slot's fields as its owner last wrote them. The name is read byte by
+// byte; a name changing hands during the copy may come out mixed, which
+// the print accepts.
+void StableSnapSlot(StableSlot* p_out_av, const StableSlot* p_slot_av) {
+  p_out_av->m_ui_thread_id = StableLoad(&p_slot_av->m_ui_thread_id);
+  p_out_av->m_i_point = StableLoad(&p_slot_av->m_i_point);
+  p_out_av->m_i_index = p_slot_av->m_i_index;
+  p_out_av->m_i_timing_point = StableLoad(&p_slot_av->m_i_timing_point);
+  p_out_av->m_i64_start_ticks = StableLoad(&p_slot_av->m_i64_start_ticks);
+  p_out_av->m_p_next = nullptr;
+  p_out_av->m_ui_counter = StableLoad(&p_slot_av->m_ui_counter);
+  p_out_av->m_ui_prev_counter = p_slot_av->m_ui_prev_counter;
+  for (int32_t i_lv = 0; i_lv < STABLE_NAME_SIZE; ++i_lv) {
+    p_out_av->m_s_name[i_lv] = StableLoad(&p_slot_av->m_s_name[i_lv]);
+  }
+}
+
 // The slots, from a snapshot taken without the lock. A live slot whose
 // counter has not moved since the last pass is stalled: no StableEnter and
 // no StableMark for a minute or more.
@@ -259,9 +276,9 @@ void StableWriteSlots(StableObject* p_av, TStablePrintState* p_state_av, int fd_
   StableWriteHeader(p_av, &file_lv);
   ++*p_lines_lv;
   StableSlot* p_snap_lv = p_state_av->m_p_snapshot;
-  memcpy(p_snap_lv, p_av->m_slots, sizeof(p_av->m_slots));
+  for (int32_t i_lv = 0; i_lv < STABLE_SLOT_NUM; ++i_lv) StableSnapSlot(&p_snap_lv[i_lv], &p_av->m_slots[i_lv]);
   for (int32_t i_lv = 0; i_lv < STABLE_SLOT_NUM; ++i_lv) {
-    p_av->m_slots[i_lv].m_ui_prev_counter = p_av->m_slots[i_lv].m_ui_counter;
+    p_av->m_slots[i_lv].m_ui_prev_counter = p_snap_lv[i_lv].m_ui_counter;
     const StableSlot& slot_lv = p_snap_lv[i_lv];
     if (slot_lv.m_s_name[0] == 0) continue;
     StableFilePrintf(&file_lv, "[%d][%d] a=%d tID %d '%.*s'\n", i_lv, static_cast<int>(slot_lv.m_ui_counter),
@@ -277,10 +294,12 @@ void StableWriteSlots(StableObject* p_av, TStablePrintState* p_state_av, int fd_
 // The tables are taken and cleared without the lock; an addition made in
 // that instant may be lost.
 void StableWriteCpu(StableObject* p_av, TStablePrintState* p_state_av, int fd_av) {
-  memcpy(p_state_av->m_p_time_work, p_av->m_i64_time, sizeof(p_av->m_i64_time));
-  memcpy(p_state_av->m_p_count_work, p_av->m_i_count, sizeof(p_av->m_i_count));
-  memset(p_av->m_i64_time, 0, sizeof(p_av->m_i64_time));
-  memset(p_av->m_i_count, 0, sizeof(p_av->m_i_count));
+  for (int32_t i_lv = 0; i_lv < STABLE_POINT_NUM; ++i_lv) {
+    p_state_av->m_p_time_work[i_lv] = StableLoad(&p_av->m_i64_time[i_lv]);
+    p_state_av->m_p_count_work[i_lv] = StableLoad(&p_av->m_i_count[i_lv]);
+    StableStore(&p_av->m_i64_time[i_lv], static_cast<int64_t>(0));
+    StableStore(&p_av->m_i_count[i_lv], 0);
+  }
 
   TStableFile file_lv;
   file_lv.m_i_fd = fd_av;
@@ -450,14 +469,16 @@ void CrashPrintSlots(const StableObject* p_av, uint32_t ui_crashed_av) {
   CrashPut(&out_lv, s_head_lv, sizeof(s_twin_lv) - 1);
   // Day, hour and minute of the last header, not the present time.
   CrashPutText(&out_lv, "20xx:xx:");
-  CrashPutDec(&out_lv, static_cast<uint32_t>(p_av->m_i_day));
+  CrashPutDec(&out_lv, static_cast<uint32_t>(StableLoad(&p_av->m_i_day)));
   CrashPutText(&out_lv, " ");
-  CrashPutDec(&out_lv, static_cast<uint32_t>(p_av->m_i_hour));
+  CrashPutDec(&out_lv, static_cast<uint32_t>(StableLoad(&p_av->m_i_hour)));
   CrashPutText(&out_lv, ":");
-  CrashPutDec(&out_lv, static_cast<uint32_t>(p_av->m_i_minute));
+  CrashPutDec(&out_lv, static_cast<uint32_t>(StableLoad(&p_av->m_i_minute)));
   CrashPutText(&out_lv, "\n");
   for (int32_t i_lv = 0; i_lv < STABLE_SLOT_NUM; ++i_lv) {
-    if (p_av->m_slots[i_lv].m_s_name[0] != 0) CrashPutSlot(&out_lv, &p_av->m_slots[i_lv], i_lv, ui_crashed_av);
+    StableSlot snap_lv;  // on the stack: no heap at a crash
+    StableSnapSlot(&snap_lv, &p_av->m_slots[i_lv]);
+    if (snap_lv.m_s_name[0] != 0) CrashPutSlot(&out_lv, &snap_lv, i_lv, ui_crashed_av);
   }
   CrashPutText(&out_lv, "__\n");
   PlFileClose(out_lv.m_i_fd);
@@ -522,12 +543,12 @@ int32_t StableEnter(const char* s_name_av) {
   StableSlot* p_slot_lv = StableTakeFree(p_lv);
   // Full: the caller works on slot 0, which is never shown.
   if (p_slot_lv == nullptr) return 0;
-  p_slot_lv->m_ui_counter++;
-  p_slot_lv->m_i_point = 1;
+  StableStore(&p_slot_lv->m_ui_counter, StableLoad(&p_slot_lv->m_ui_counter) + 1);
+  StableStore(&p_slot_lv->m_i_point, 1);
   StableCopyName(p_slot_lv->m_s_name, s_name_av);
-  p_slot_lv->m_i64_start_ticks = PlPerfCounter();
-  p_slot_lv->m_i_timing_point = 1;
-  p_slot_lv->m_ui_thread_id = PlThreadCurrentId();
+  StableStore(&p_slot_lv->m_i64_start_ticks, PlPerfCounter());
+  StableStore(&p_slot_lv->m_i_timing_point, 1);
+  StableStore(&p_slot_lv->m_ui_thread_id, PlThreadCurrentId());
   return p_slot_lv->m_i_index;
 }
 
@@ -535,7 +556,7 @@ void StableLeave(int32_t i_slot_av) {
   StableObject* p_lv = g_p_stable;
   if (p_lv != nullptr && p_lv->m_p_lock != nullptr && StableSlotValid(i_slot_av)) {
     StableSlot* p_slot_lv = &p_lv->m_slots[i_slot_av];
-    p_slot_lv->m_s_name[0] = 0;
+    StableStore(&p_slot_lv->m_s_name[0], static_cast<char>(0));
     StableGiveBack(p_lv, p_slot_lv);
   }
   HookSet(HOOK_IN_BUS);

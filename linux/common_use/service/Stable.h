@@ -84,6 +84,23 @@ inline bool StableSlotValid(int32_t i_slot_av) {
   return static_cast<uint32_t>(i_slot_av) < static_cast<uint32_t>(STABLE_SLOT_NUM);
 }
 
+// Slot fields and the tables are shared with the print thread, the crash
+// print and other threads adding to the same point, all without a lock.
+// Relaxed loads and stores are plain moves here, so the frame path pays
+// nothing, and an addition lost to a concurrent one is accepted.
+template <typename T>
+inline T StableLoad(const T* p_av) {
+  return __atomic_load_n(p_av, __ATOMIC_RELAXED);
+}
+template <typename T>
+inline void StableStore(T* p_av, T v_av) {
+  __atomic_store_n(p_av, v_av, __ATOMIC_RELAXED);
+}
+template <typename T>
+inline void StableAdd(T* p_av, T v_av) {
+  StableStore(p_av, static_cast<T>(StableLoad(p_av) + v_av));
+}
+
 // Books the time since the last mark to the previous point and moves on to
 // this one. On the frame path: no lock, no allocation. A slot of -1 (none)
 // returns at once; so do a slot or a point outside the tables, which would
@@ -96,15 +113,15 @@ inline void StableMark(int32_t i_slot_av, int32_t i_point_av) {
   StableObject* p_lv = g_p_stable;
   if (p_lv == nullptr) return;
   StableSlot* p_slot_lv = &p_lv->m_slots[i_slot_av];
-  p_slot_lv->m_ui_counter++;
-  p_slot_lv->m_i_point = i_point_av;
+  StableStore(&p_slot_lv->m_ui_counter, StableLoad(&p_slot_lv->m_ui_counter) + 1);
+  StableStore(&p_slot_lv->m_i_point, i_point_av);
   int64_t i64_now_lv = PlPerfCounter();
-  int32_t i_prev_lv = p_slot_lv->m_i_timing_point;
-  p_lv->m_i64_time[i_prev_lv] += i64_now_lv - p_slot_lv->m_i64_start_ticks;
-  p_lv->m_i_count[i_prev_lv]++;
-  p_lv->m_i64_total_count[i_prev_lv]++;
-  p_slot_lv->m_i64_start_ticks = i64_now_lv;
-  p_slot_lv->m_i_timing_point = i_point_av;
+  int32_t i_prev_lv = StableLoad(&p_slot_lv->m_i_timing_point);
+  StableAdd(&p_lv->m_i64_time[i_prev_lv], i64_now_lv - StableLoad(&p_slot_lv->m_i64_start_ticks));
+  StableAdd(&p_lv->m_i_count[i_prev_lv], 1);
+  StableAdd(&p_lv->m_i64_total_count[i_prev_lv], static_cast<int64_t>(1));
+  StableStore(&p_slot_lv->m_i64_start_ticks, i64_now_lv);
+  StableStore(&p_slot_lv->m_i_timing_point, i_point_av);
 }
 
 // Called by the host at a crash with the id of the thread that crashed.

@@ -173,7 +173,7 @@ void LogBindingClose(TLogBinding** pp_binding_av) {
 
 bool LogSitesActive() {
   CLogStatusList* p_list_lv = g_p_log_status_list;
-  return p_list_lv != nullptr && g_p_log_site_version != nullptr &&
+  return p_list_lv != nullptr && __atomic_load_n(&g_p_log_site_version, __ATOMIC_ACQUIRE) != nullptr &&
          __atomic_load_n(&p_list_lv->m_b_all_off, __ATOMIC_RELAXED) == 0;
 }
 
@@ -329,14 +329,14 @@ void LogDllLoad() {
   for (int i_lv = 0; i_lv < LOG_CHANNELS; i_lv++) g_p_log_bindings[i_lv] = LogBindingOpen(LOG_NAMES[i_lv]);
   LogRefreshLevels();
   g_p_log_common = LogBindingOpen("common");
-  g_p_log_site_version = new int64_t(1);
+  // Published last: a thread that sees it sees the loggers made above.
+  __atomic_store_n(&g_p_log_site_version, new int64_t(1), __ATOMIC_RELEASE);
 }
 
 void LogDllUnload() {
   for (int i_lv = 0; i_lv < LOG_CHANNELS; i_lv++) g_b_log_on[i_lv].store(0, std::memory_order_relaxed);
   g_ui64_log_last_refresh.store(0, std::memory_order_relaxed);
-  int64_t* p_version_lv = g_p_log_site_version;
-  g_p_log_site_version = nullptr;
+  int64_t* p_version_lv = __atomic_exchange_n(&g_p_log_site_version, nullptr, __ATOMIC_ACQ_REL);
   delete p_version_lv;
   for (int i_lv = 0; i_lv < LOG_CHANNELS; i_lv++) LogBindingClose(&g_p_log_bindings[LOG_FREE_ORDER[i_lv]]);
   LogBindingClose(&g_p_log_common);
@@ -424,7 +424,7 @@ void LogWriteLevel(TLogBinding* p_binding_av, int64_t i64_level_av, int32_t i_ze
 void LogSiteUpdate(TLog2, CLastLogStatus* p_site_av, const char* s_file_av, int32_t i_line_av,
                    const char* s_format_av, const char* s_text_av) {
   CLogStatusList* p_list_lv = g_p_log_status_list;
-  int64_t* p_version_lv = g_p_log_site_version;
+  int64_t* p_version_lv = __atomic_load_n(&g_p_log_site_version, __ATOMIC_ACQUIRE);
   if (p_site_av == nullptr || s_format_av == nullptr || s_text_av == nullptr) return;
   if (p_list_lv == nullptr || p_version_lv == nullptr) return;
   if (__atomic_load_n(&p_site_av->m_ui64_hash, __ATOMIC_RELAXED) == 0)

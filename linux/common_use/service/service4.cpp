@@ -326,7 +326,11 @@ void SafeMemAllocB5(void** pp_out_av, int32_t i_size_av, int32_t i_signat_av) {
     return;
   }
   memset(pb_block_lv, 0, ui_total_lv);
+  // Every word the scan checks is in place before the block is registered:
+  // the scan may look at it from then on, from another thread.
   WriteWord(pb_block_lv, MEM_PREFIX_WORD);
+  WriteWord(pb_block_lv + 8, static_cast<uint32_t>(i_size_av));
+  WriteWord(pb_block_lv + MEM_HEADER_SIZE + i_size_av, MEM_SUFFIX_WORD);
   int32_t i_base_lv = 0;
   int32_t i_index_lv = -1;
   MemChecker* p_checker_lv = g_p_mem_checker;
@@ -339,8 +343,6 @@ void SafeMemAllocB5(void** pp_out_av, int32_t i_size_av, int32_t i_signat_av) {
   // unregistered by design, which is no failure worth a line.
   if (ui_counter_lv == MEM_UNREGISTERED && p_checker_lv != nullptr)
     TRACE45(TLOG_ARC, TSEV_FAULT, "<error> aft RegistryMemBlock sign %d", i_signat_av);
-  WriteWord(pb_block_lv + 8, static_cast<uint32_t>(i_size_av));
-  WriteWord(pb_block_lv + MEM_HEADER_SIZE + i_size_av, MEM_SUFFIX_WORD);
   *pp_out_av = pb_block_lv + MEM_HEADER_SIZE;
 }
 
