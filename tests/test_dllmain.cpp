@@ -6,6 +6,7 @@
 #include "host/include/log_api.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
+#include "tests/test_text_util.h"
 
 #include <dlfcn.h>
 #include <stdlib.h>
@@ -67,19 +68,6 @@ std::string Camera(const std::string& in, const std::string& extra = "") {
 }
 
 int64_t Hash(const std::string& s) { return static_cast<int64_t>(StrHash64(s.data(), static_cast<uint32_t>(s.size()))); }
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-int Count(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
-  return n;
-}
 
 // What a test holder of a track has received.
 struct Rx {

@@ -16,6 +16,7 @@
 
 #include "host/include/log_api.h"
 #include "platform/pl_clock.h"
+#include "tests/test_text_util.h"
 
 namespace {
 
@@ -31,13 +32,6 @@ struct LogLib {
 };
 LogLib g_lib;
 void* g_handle = nullptr;
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 

@@ -5,6 +5,7 @@
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
+#include "tests/test_text_util.h"
 
 #include <dlfcn.h>
 #include <stdlib.h>
@@ -22,13 +23,6 @@
 namespace {
 
 const char* const kTime = "2024.03.05 10:20:30:456";
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 std::string Text(const SafeString* s) { return s != nullptr && s->m_p_text != nullptr ? s->m_p_text : ""; }
 

@@ -20,23 +20,11 @@
 #include "host/server/srv_media.h"
 #include "host/server/srv_progress.h"
 #include "platform/pl_clock.h"
+#include "tests/test_text_util.h"
 
 namespace {
 
 const char CLIP[] = WRITER_SOURCE_DIR "/tests/data/clip.h264";
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-int Count(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
-  return n;
-}
 
 // A camera of the cameras file: keys A/<name>/C, the given source and extra
 // writer settings.

@@ -18,23 +18,11 @@
 #include "host/include/log_api.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
+#include "tests/test_text_util.h"
 
 namespace {
 
 const uint64_t kEpochMicros = 0x295E9648864000ULL;
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-int Count(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
-  return n;
-}
 
 uint32_t Fcc(const char* s) {
   return uint32_t(uint8_t(s[0])) | uint32_t(uint8_t(s[1])) << 8 | uint32_t(uint8_t(s[2])) << 16 |
