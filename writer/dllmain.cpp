@@ -62,8 +62,12 @@ WRITER_EXPORT int32_t dll_init(void) {
   MemCheckerInitPath(g_p_mem_checker, "writer");
   // The stability monitor's print thread traces from its start, and every
   // trace looks at the saved subscriptions: they exist before it runs and
-  // are freed only after it has stopped.
-  if (g_p_log_status_list == nullptr) g_p_log_status_list = new CLogStatusList();
+  // are freed only after it has stopped. Nobody has subscribed yet: with the
+  // all-off flag set, the trace calls of the frame path skip the site work.
+  if (g_p_log_status_list == nullptr) {
+    g_p_log_status_list = new CLogStatusList();
+    LogStatusRecomputeAllOff(g_p_log_status_list);
+  }
   StabilityStart();
   LanguageInit();
   int32_t i_rv_lv = GlobalInit();

@@ -126,10 +126,12 @@ void Drain(CWriteBuffering* p_av, int32_t i_read_ind_av, int32_t* p_result_av, T
     } else if (p_rd_lv->m_pb_data_b != nullptr) {
       TRACE45(TLOG_ARC, TSEV_FAULT, "<error> Writer Error bufferization");
     }
-    char s_time_lv[FILE_TIME_TEXT_SIZE];
-    FileTimeToText(static_cast<uint64_t>(fr_lv.m_i64_time), s_time_lv);
-    TRACE44(TLOG_ARC_TRACE, "<%lld> -buff- get b ind %d, prev offs %d, size %d, post offs %d, time %s ", i64_cam_lv,
-            i_read_ind_av, i_prev_lv, static_cast<int>(fr_lv.m_ui_size), i_pos_lv, s_time_lv);
+    if (LogTraceWanted(TLOG_ARC_TRACE)) {
+      char s_time_lv[FILE_TIME_TEXT_SIZE];
+      FileTimeToText(static_cast<uint64_t>(fr_lv.m_i64_time), s_time_lv);
+      TRACE44(TLOG_ARC_TRACE, "<%lld> -buff- get b ind %d, prev offs %d, size %d, post offs %d, time %s ", i64_cam_lv,
+              i_read_ind_av, i_prev_lv, static_cast<int>(fr_lv.m_ui_size), i_pos_lv, s_time_lv);
+    }
     if (fr_lv.m_pb_payload != nullptr) WriteRecord(p_av, &fr_lv, p_result_av, p_wd_av);
     TRACE44(TLOG_ARC_TRACE, "<%lld> -buff- GetAndWr curr put acc ind %d offs %d curr get offs %d ", i64_cam_lv,
             p_av->m_i_curr_put_ind, p_rd_lv->m_i_offs_b, i_pos_lv);
@@ -195,10 +197,12 @@ void PutToBuffers(CWriteBuffering* p_av, uint32_t ui_size_av, uint8_t ui_type_av
           i64_cam_lv, i_ind_lv, p_buff_lv->m_i_offs_b, static_cast<int>(ui_size_av), p_buff_lv->m_i_buff_size_b,
           p_buff_lv->m_i_act_size_b);
   p_buff_lv->m_i_offs_b += static_cast<int32_t>(ui_size_av + UI_FRAME_TAG_HEAD);
-  char s_time_lv[FILE_TIME_TEXT_SIZE];
-  FileTimeToText(static_cast<uint64_t>(i64_time_av), s_time_lv);
-  TRACE44(TLOG_ARC_TRACE, "<%lld> -buff- PutToBuffers frame  time %s iskey %d ", i64_cam_lv, s_time_lv,
-          ui_type_av & 2);
+  if (LogTraceWanted(TLOG_ARC_TRACE)) {
+    char s_time_lv[FILE_TIME_TEXT_SIZE];
+    FileTimeToText(static_cast<uint64_t>(i64_time_av), s_time_lv);
+    TRACE44(TLOG_ARC_TRACE, "<%lld> -buff- PutToBuffers frame  time %s iskey %d ", i64_cam_lv, s_time_lv,
+            ui_type_av & 2);
+  }
   p_buff_lv->m_i_frame_num_b++;
   AtomicPut(&p_buff_lv->m_b_filled_b, 1);
   if (p_av->m_p_writer != nullptr) AtomicPut(&p_av->m_p_writer->m_status.m_i_buff_frames[i_ind_lv], p_buff_lv->m_i_frame_num_b);

@@ -136,7 +136,12 @@ CWriterGlobal::~CWriterGlobal() {
 
 int32_t GlobalInit() {
   TRACE44(TLOG_ARC, "<root>writer dll_init start 2");
-  if (g_p_log_status_list == nullptr) g_p_log_status_list = new CLogStatusList();
+  // Nobody has subscribed to a log site yet: with the all-off flag set, the
+  // trace calls of the frame path skip the site work.
+  if (g_p_log_status_list == nullptr) {
+    g_p_log_status_list = new CLogStatusList();
+    LogStatusRecomputeAllOff(g_p_log_status_list);
+  }
   LogDllLoad();
   TRACE44(TLOG_ARC,
           "<root>writer dll_init start after loginit sizeof( TUnivStruct ) is %d sizeof( TDeb8687 ) is %d sizeof( "

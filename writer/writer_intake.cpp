@@ -214,20 +214,28 @@ void CorrectTime(CWriter* p_av, int64_t i64_time_av, int64_t i64_now_av) {
   p_av->m_i64_time = i64_t_lv;
 }
 
+// The time texts are made only for a line that will be formatted; the
+// clock reading behind "prevt" is kept for every frame all the same.
 void LogTimes(CWriter* p_av, int64_t i64_orig_av, int64_t i64_now_av) {
-  char s_orig_lv[FILE_TIME_TEXT_SIZE];
-  char s_corr_lv[FILE_TIME_TEXT_SIZE];
-  char s_syst_lv[FILE_TIME_TEXT_SIZE];
-  UtcText(i64_orig_av, s_orig_lv);
-  UtcText(p_av->m_i64_time, s_corr_lv);
-  FileTimeToText(PlFileTimeUtc(), s_syst_lv);
-  int64_t i64_current_lv = NowLocal();
   long long i64_cam_lv = static_cast<long long>(InfoCamId(p_av->m_camera_info_w));
-  TRACE45(TLOG_ARC_TRACE, TSEV_TRACE, "<%lld>on frame %lld orig %s corr %s syst univ %s currt %lld, prevt %lld",
-          i64_cam_lv, static_cast<long long>(p_av->m_i64_time), s_orig_lv, s_corr_lv, s_syst_lv,
-          static_cast<long long>(i64_current_lv / 10000), static_cast<long long>(p_av->m_i64_prev_local_time / 10000));
-  p_av->m_i64_prev_local_time = i64_current_lv;
+  if (LogTraceWanted(TLOG_ARC_TRACE)) {
+    char s_orig_lv[FILE_TIME_TEXT_SIZE];
+    char s_corr_lv[FILE_TIME_TEXT_SIZE];
+    char s_syst_lv[FILE_TIME_TEXT_SIZE];
+    UtcText(i64_orig_av, s_orig_lv);
+    UtcText(p_av->m_i64_time, s_corr_lv);
+    FileTimeToText(PlFileTimeUtc(), s_syst_lv);
+    int64_t i64_current_lv = NowLocal();
+    TRACE45(TLOG_ARC_TRACE, TSEV_TRACE, "<%lld>on frame %lld orig %s corr %s syst univ %s currt %lld, prevt %lld",
+            i64_cam_lv, static_cast<long long>(p_av->m_i64_time), s_orig_lv, s_corr_lv, s_syst_lv,
+            static_cast<long long>(i64_current_lv / 10000),
+            static_cast<long long>(p_av->m_i64_prev_local_time / 10000));
+    p_av->m_i64_prev_local_time = i64_current_lv;
+  } else {
+    p_av->m_i64_prev_local_time = NowLocal();
+  }
   AtomicPut(&p_av->m_status.m_i64_last_source_stat, i64_now_av);
+  if (!LogTraceWanted(TLOG_ARC_TRACE)) return;
   char s_now_lv[FILE_TIME_TEXT_SIZE];
   FileTimeToText(static_cast<uint64_t>(i64_now_av), s_now_lv);
   TRACE45(TLOG_ARC_TRACE, TSEV_TRACE, "<%lld_%lld>on_frame_level1 m_i64_last_source_stat %s", i64_cam_lv,
@@ -325,6 +333,7 @@ bool ReadyToWrite(CWriter* p_av) {
 
 void LogAdmitted(CWriter* p_av) {
   static const char* const S_MPEG4_LV[] = {"XVID", "DIVX", "xvid", "divx", "DX50", "mp4v", "H264", "h264"};
+  if (!LogTraceWanted(TLOG_ARC_TRACE)) return;
   char s_time_lv[FILE_TIME_TEXT_SIZE];
   UtcText(p_av->m_i64_time, s_time_lv);
   int i_mpeg4_lv = FccIn(p_av->m_ui_fcc, S_MPEG4_LV, 8) ? 1 : 0;
@@ -359,6 +368,7 @@ uint32_t NextFrameNumber(CWriter* p_av) {
 }
 
 void LogFilled(CWriter* p_av, int64_t i64_local_av) {
+  if (!LogTraceWanted(TLOG_ARC_TRACE)) return;
   uint32_t ui_field_lv = 0xFFFFFFFFu;
   if (p_av->m_ui_data_size > 20)
     memcpy(&ui_field_lv, static_cast<const uint8_t*>(p_av->m_p_data) + p_av->m_ui_data_size - 16, 4);
@@ -470,10 +480,12 @@ int32_t FillBuff(CWriter* p_av, int32_t i_slot_av) {
   p_av->m_pb_frame_block = pb_lv;
   int64_t i64_local_lv = FrameLocalTicks(p_av->m_i64_time);
   uint32_t ui_number_lv = NextFrameNumber(p_av);
-  char s_time_lv[FILE_TIME_TEXT_SIZE];
-  FileTimeToText(static_cast<uint64_t>(i64_local_lv), s_time_lv);
-  TRACE44(TLOG_ARC_TRACE, "<%lld>fill buff %lld time %s ", static_cast<long long>(InfoCamId(p_av->m_camera_info_w)),
-          static_cast<long long>(i64_local_lv), s_time_lv);
+  if (LogTraceWanted(TLOG_ARC_TRACE)) {
+    char s_time_lv[FILE_TIME_TEXT_SIZE];
+    FileTimeToText(static_cast<uint64_t>(i64_local_lv), s_time_lv);
+    TRACE44(TLOG_ARC_TRACE, "<%lld>fill buff %lld time %s ", static_cast<long long>(InfoCamId(p_av->m_camera_info_w)),
+            static_cast<long long>(i64_local_lv), s_time_lv);
+  }
   StableMark(i_slot_av, 22011);
   FrameBlockWriteHead(pb_lv, p_av->m_i_key, static_cast<uint64_t>(i64_local_lv), ui_number_lv, p_av->m_i_width,
                       p_av->m_i_height, p_av->m_ui_fcc);

@@ -155,10 +155,11 @@ int32_t WriteData(TCameraInfoW* p_av, int32_t i_slot_av) {
   StableMark(i_slot_av, 21890);
   CWriter* p_writer_lv = p_av->m_p_writer;
   int64_t i64_time_lv = FrameLocalTicks(p_writer_lv->m_i64_time);
-  char s_time_lv[FILE_TIME_TEXT_SIZE];
-  FileTimeToText(static_cast<uint64_t>(i64_time_lv), s_time_lv);
-  long long i64_cam_lv = static_cast<long long>(InfoCamId(p_av));
-  TRACE44(TLOG_ARC_TRACE, "<%lld>WriteData beg time %s ", i64_cam_lv, s_time_lv);
+  if (LogTraceWanted(TLOG_ARC_TRACE)) {
+    char s_time_lv[FILE_TIME_TEXT_SIZE];
+    FileTimeToText(static_cast<uint64_t>(i64_time_lv), s_time_lv);
+    TRACE44(TLOG_ARC_TRACE, "<%lld>WriteData beg time %s ", static_cast<long long>(InfoCamId(p_av)), s_time_lv);
+  }
   p_writer_lv->m_i_write_flag = 0;  // the write-failure latch
   if (p_av->m_b_write_off != 0) return RC_OK;
   int32_t i_status_lv = RC_OK;

@@ -373,6 +373,13 @@ int LogChannelEnabled(TLog2 channel_av) {
   return g_b_log_on[LogChannelIndex(channel_av)].load(std::memory_order_relaxed);
 }
 
+// The same test as the trace functions make before they format.
+bool LogTraceWanted(TLog2 channel_av) {
+  bool b_enabled_lv = LogChannelEnabled(channel_av) != 0;
+  if (!b_enabled_lv && !LogSitesActive()) return false;
+  return g_p_log_bindings[LogChannelIndex(channel_av)] != nullptr;
+}
+
 void Trace44_Level1(TLog2 channel_av, CLastLogStatus* p_site_av, const char* s_file_av, int32_t i_line_av,
                     const char* s_format_av, ...) {
   bool b_enabled_lv = LogChannelEnabled(channel_av) != 0;

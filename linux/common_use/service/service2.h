@@ -66,6 +66,10 @@ void LogSiteUpdate(TLog2 channel_av, CLastLogStatus* p_site_av, const char* s_fi
                    const char* s_format_av, const char* s_text_av);
 void LogRefreshLevels();
 int LogChannelEnabled(TLog2 channel_av);
+// True when a trace call on the channel would format its text: the channel
+// is on, or a subscription makes the sites keep their lines. A call site
+// whose arguments cost work of their own (time texts) asks first.
+bool LogTraceWanted(TLog2 channel_av);
 void LogStatusReport(SafeString* p_out_av, int32_t i_slot_av);
 
 // The call forms of every trace line: each expansion owns its site record.
