@@ -100,6 +100,27 @@ class ArchiveReaderTest : public ::testing::Test {
 
 ArchiveLib ArchiveReaderTest::s_lib;
 
+// The checksum takes eight bytes a step: it must still be the common CRC-32
+// at every length, start alignment and chained seed, or files written
+// before and after would disagree.
+TEST(ArchiveChecksum, IsTheCommonCrc32AtEveryLengthAlignmentAndSeed) {
+  EXPECT_EQ(warc::Crc32("123456789", 9), 0xCBF43926u);
+  auto bitwise = [](const uint8_t* p, size_t n, uint32_t seed) {
+    uint32_t c = seed ^ 0xFFFFFFFFu;
+    for (size_t i = 0; i < n; i++) {
+      c ^= p[i];
+      for (int k = 0; k < 8; k++) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+    }
+    return c ^ 0xFFFFFFFFu;
+  };
+  std::vector<uint8_t> bytes(100);
+  for (size_t i = 0; i < bytes.size(); i++) bytes[i] = static_cast<uint8_t>(i * 37 + 11);
+  for (size_t start = 0; start < 8; start++)
+    for (size_t n = 0; start + n <= bytes.size(); n++)
+      ASSERT_EQ(warc::Crc32(bytes.data() + start, n, 0x1234u), bitwise(bytes.data() + start, n, 0x1234u))
+          << "start " << start << " length " << n;
+}
+
 TEST_F(ArchiveReaderTest, RepairCutsATailCutShortAndRebuildsTheIndex) {
   Frames(10);
   off_t i_full_lv = Size(Seg());
