@@ -31,6 +31,8 @@ const char* const SRV_USAGE =
     "  --in-flight N        fast pacing: frames sent and not yet stored, at most\n"
     "                       (default 100; 0: no bound)\n"
     "  --loop               start files over at their end\n"
+  "  --frames N           each source ends after N frames (video and audio\n"
+  "                       together); with --duration 0 the run then ends\n"
     "  --write-delay MS     slow the archive down: every write waits MS first\n"
     "  --archive-config J   more archive settings, a JSON object such as\n"
     "                       '{\"increase_write_buffers\":0}'\n"
@@ -70,6 +72,7 @@ bool TakeValued(const std::string& s_opt_av, const char* s_val_av, SrvSettings* 
   else if (s_opt_av == "--duration") p_av->m_d_duration_s = d_lv;
   else if (s_opt_av == "--drain") p_av->m_d_drain_s = d_lv;
   else if (s_opt_av == "--in-flight") p_av->m_i_in_flight = static_cast<int>(d_lv);
+  else if (s_opt_av == "--frames") p_av->m_i64_max_frames = static_cast<int64_t>(d_lv);
   else if (s_opt_av == "--write-delay") p_av->m_i_write_delay_ms = static_cast<int>(d_lv);
   else return *p_error_av = s_opt_av + ": bad value '" + s_val_av + "'", false;
   return true;
@@ -85,7 +88,7 @@ std::string DirOf(const std::string& s_path_av) {
 bool SrvParseArgs(int argc, char** argv, SrvSettings* p_out_av, std::string* p_error_av) {
   static const char* const VALUED[] = {"--cameras", "--archive", "--log", "--state", "--lib-dir",
                                        "--duration", "--pacing", "--in-flight", "--write-delay",
-                                       "--archive-config", "--drain"};
+                                       "--archive-config", "--drain", "--frames"};
   for (int i_lv = 1; i_lv < argc; i_lv++) {
     std::string s_opt_lv = argv[i_lv];
     if (s_opt_lv == "--help" || s_opt_lv == "-h") p_out_av->m_b_help = true;

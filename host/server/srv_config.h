@@ -57,6 +57,7 @@ struct SrvSettings {
   double m_d_duration_s = 10;     // 0: until the sources end or a signal
   bool m_b_paced = true;          // real time, or as fast as the writer takes them
   int m_i_in_flight = 100;        // fast pacing: frames sent and not stored, at most
+  int64_t m_i64_max_frames = 0;   // a source ends after this many frames; 0: no end
   bool m_b_loop = false;
   int m_i_write_delay_ms = -1;    // archive fault switch; -1 none
   double m_d_drain_s = 15;

@@ -130,8 +130,10 @@ int Record(Run* p_av) {
   for (const auto& p_src_lv : p_av->m_sources) SrvSourceGo(p_src_lv.get());
   WaitForEnd(p_av, i64_start_lv);
   double d_run_lv = SecondsSince(i64_start_lv);
+  for (const auto& p_src_lv : p_av->m_sources) SrvSourceStop(p_src_lv.get());
   for (const auto& p_src_lv : p_av->m_sources) SrvSourceClose(p_src_lv.get());
   Drain(p_av);
+  SrvPrintWholeRun(&p_av->m_monitor, SecondsSince(i64_start_lv));
   SrvHostTracksStopScript(&p_av->m_tracks);
   SrvMonitorStop(&p_av->m_monitor);
   for (void* p_pair_lv : p_av->m_pairs)
@@ -150,6 +152,7 @@ int RunServer(SrvSettings* p_settings_av) {
     SrvPluginUnload(&run_lv.m_plugin);
     return EXIT_NO_PLUGIN;
   }
+  run_lv.m_flow.m_p_stats = run_lv.m_plugin.m_p_archive_stats;
   SrvCrashInstall(run_lv.m_plugin.m_p_exception_filter);
   signal(SIGINT, &OnStopSignal);
   signal(SIGTERM, &OnStopSignal);

@@ -2,6 +2,8 @@
 // srv_progress.h).
 #include "host/server/srv_progress.h"
 
+#include <sys/resource.h>
+
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -95,6 +97,7 @@ void SrvMonitorRefresh(SrvMonitor* p_av, int64_t* p_written_av, int64_t* p_passe
     PlCritLock lock_lv(&p_av->m_crit_sect);
     *p_passes_av = SrvPassCounterUpdate(&p_av->m_passes);
   }
+  p_av->m_p_flow->m_i64_passes = *p_passes_av;
   p_av->m_p_flow->m_i64_dealt = *p_written_av + *p_passes_av;
 }
 
@@ -160,7 +163,39 @@ bool PrintCamera(const SrvSettings& settings_av, const SrvSource& src_av) {
   return b_ok_lv;
 }
 
+// A "Vm..." figure of /proc/self/status in MB; 0 when it cannot be read.
+double ProcMegabytes(const char* s_key_av) {
+  std::ifstream in_lv("/proc/self/status");
+  std::string s_line_lv;
+  size_t ui_key_lv = strlen(s_key_av);
+  while (std::getline(in_lv, s_line_lv))
+    if (s_line_lv.compare(0, ui_key_lv, s_key_av) == 0 && s_line_lv.size() > ui_key_lv && s_line_lv[ui_key_lv] == ':')
+      return atof(s_line_lv.c_str() + ui_key_lv + 1) / 1024.0;
+  return 0;
+}
+
+double Seconds(const timeval& tv_av) { return static_cast<double>(tv_av.tv_sec) + tv_av.tv_usec / 1e6; }
+
 }  // namespace
+
+void SrvPrintWholeRun(SrvMonitor* p_av, double d_stored_s_av) {
+  ArchiveStats st_lv = SrvPluginArchiveStats(p_av->m_p_plugin);
+  rusage ru_lv;
+  memset(&ru_lv, 0, sizeof(ru_lv));
+  getrusage(RUSAGE_SELF, &ru_lv);
+  double d_user_lv = Seconds(ru_lv.ru_utime), d_sys_lv = Seconds(ru_lv.ru_stime);
+  double d_span_lv = d_stored_s_av > 0 ? d_stored_s_av : 1e-9;
+  int64_t i64_late_lv = 0;
+  for (SrvSource* p_src_lv : p_av->m_sources)
+    if (p_src_lv->m_counts.m_i64_max_late_us > i64_late_lv) i64_late_lv = p_src_lv->m_counts.m_i64_max_late_us;
+  printf("whole    %lld frames (%.1f MB) stored in %.2f s: %.0f frames/s, %.1f MB/s; cpu %.2f s user + %.2f s "
+         "system (%.0f%% of one core); memory %.1f MB resident, %.1f MB peak; frames late at most %.0f ms\n",
+         static_cast<long long>(st_lv.frames_written), static_cast<double>(st_lv.bytes_written) / 1e6, d_stored_s_av,
+         static_cast<double>(st_lv.frames_written) / d_span_lv, static_cast<double>(st_lv.bytes_written) / 1e6 / d_span_lv,
+         d_user_lv, d_sys_lv, 100.0 * (d_user_lv + d_sys_lv) / d_span_lv, ProcMegabytes("VmRSS"),
+         ProcMegabytes("VmHWM"), static_cast<double>(i64_late_lv) / 1000.0);
+  fflush(stdout);
+}
 
 int SrvPrintSummary(SrvMonitor* p_av, double d_run_s_av) {
   const SrvSettings& settings_lv = *p_av->m_p_settings;

@@ -55,6 +55,10 @@ struct SrvStored {
 };
 SrvStored SrvStoredOf(const std::string& s_root_av, const SrvCamera& camera_av);
 
+// The whole run in one line: frames stored over the time from the sources'
+// start to the last stored frame, and the process's CPU time and memory.
+void SrvPrintWholeRun(SrvMonitor* p_av, double d_stored_s_av);
+
 // Prints the summary; gives the exit status (1 when a camera that should
 // record stored nothing).
 int SrvPrintSummary(SrvMonitor* p_av, double d_run_s_av);

@@ -69,11 +69,16 @@ bool PaceRealTime(SrvSource* p_av, int64_t i64_start_perf_av, int64_t i64_offset
 // stores nothing cannot hold the source up.
 bool PaceWriter(SrvSource* p_av, bool* p_bound_av) {
   int64_t i64_bound_lv = p_av->m_p_settings->m_i_in_flight;
-  int64_t i64_seen_lv = p_av->m_p_flow->m_i64_dealt, i64_since_lv = PlPerfCounter();
-  while (*p_bound_av && i64_bound_lv > 0 && p_av->m_p_flow->m_i64_wanted - p_av->m_p_flow->m_i64_dealt > i64_bound_lv) {
-    if (p_av->m_p_stop->Wait(2) == PL_WAIT_OBJECT_0) return false;
-    if (p_av->m_p_flow->m_i64_dealt != i64_seen_lv) {
-      i64_seen_lv = p_av->m_p_flow->m_i64_dealt;
+  // The monitor's figure is a floor of the fresh one: only when it says the
+  // bound is reached is the archive asked.
+  if (i64_bound_lv <= 0 || p_av->m_p_flow->m_i64_wanted - p_av->m_p_flow->m_i64_dealt <= i64_bound_lv)
+    return !p_av->m_p_stop->IsSet();
+  int64_t i64_seen_lv = SrvFlowDealt(p_av->m_p_flow), i64_since_lv = PlPerfCounter();
+  while (*p_bound_av && p_av->m_p_flow->m_i64_wanted - SrvFlowDealt(p_av->m_p_flow) > i64_bound_lv) {
+    if (p_av->m_p_stop->Wait(1) == PL_WAIT_OBJECT_0) return false;
+    int64_t i64_dealt_lv = SrvFlowDealt(p_av->m_p_flow);
+    if (i64_dealt_lv != i64_seen_lv) {
+      i64_seen_lv = i64_dealt_lv;
       i64_since_lv = PlPerfCounter();
     } else if (SecondsSince(i64_since_lv) > STALL_S) {
       *p_bound_av = false;
@@ -93,10 +98,18 @@ uint32_t SourceThread(void* p_arg_av) {
     int64_t i64_start_perf_lv = PlPerfCounter();
     bool b_bound_lv = true;
     SrvMediaFrame frame_lv;
-    while (!p_lv->m_p_stop->IsSet() && NextFrame(p_lv, &frame_lv)) {
+    int64_t i64_max_lv = p_lv->m_p_settings->m_i64_max_frames;
+    while (!p_lv->m_p_stop->IsSet() && (i64_max_lv <= 0 || p_lv->m_counts.m_i64_sent < i64_max_lv) &&
+           NextFrame(p_lv, &frame_lv)) {
       bool b_go_on_lv = p_lv->m_p_settings->m_b_paced ? PaceRealTime(p_lv, i64_start_perf_lv, frame_lv.m_i64_offset_us)
                                                       : PaceWriter(p_lv, &b_bound_lv);
       if (!b_go_on_lv) break;
+      if (p_lv->m_p_settings->m_b_paced) {
+        // How far behind its time the frame goes out: a machine that cannot
+        // keep up shows here first.
+        int64_t i64_late_lv = static_cast<int64_t>(SecondsSince(i64_start_perf_lv) * 1e6) - frame_lv.m_i64_offset_us;
+        if (i64_late_lv > p_lv->m_counts.m_i64_max_late_us) p_lv->m_counts.m_i64_max_late_us = i64_late_lv;
+      }
       SrvSourceSendFrame(p_lv, frame_lv, i64_start_us_lv + frame_lv.m_i64_offset_us);
     }
   }
@@ -106,6 +119,16 @@ uint32_t SourceThread(void* p_arg_av) {
 }
 
 }  // namespace
+
+int64_t SrvFlowDealt(SrvFlow* p_av) {
+  if (p_av->m_p_stats == nullptr) return p_av->m_i64_dealt;
+  ArchiveStats st_lv;
+  memset(&st_lv, 0, sizeof(st_lv));
+  p_av->m_p_stats(&st_lv);
+  int64_t i64_dealt_lv = st_lv.frames_written + p_av->m_i64_passes;
+  if (i64_dealt_lv > p_av->m_i64_dealt) p_av->m_i64_dealt = i64_dealt_lv;
+  return i64_dealt_lv;
+}
 
 bool SrvSourceOpen(SrvSource* p_av, const SrvCamera* p_camera_av, const SrvSettings* p_settings_av, SrvFlow* p_flow_av,
                    uint32_t ui_seed_av, std::string* p_error_av) {
@@ -132,6 +155,10 @@ bool SrvSourceOpen(SrvSource* p_av, const SrvCamera* p_camera_av, const SrvSetti
 
 void SrvSourceGo(SrvSource* p_av) {
   if (p_av->m_p_go != nullptr) p_av->m_p_go->Set();
+}
+
+void SrvSourceStop(SrvSource* p_av) {
+  if (p_av->m_p_stop != nullptr) p_av->m_p_stop->Set();
 }
 
 void SrvSourceClose(SrvSource* p_av) {

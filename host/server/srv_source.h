@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <string>
 
+#include "host/include/archive_api.h"
 #include "host/include/core_api.h"
 #include "host/server/srv_config.h"
 #include "host/server/srv_media.h"
@@ -17,11 +18,17 @@
 
 // Shared by all sources: frames someone wanted, and what the archive side
 // has dealt with (stored or passed over), for pacing as fast as the writer
-// takes them.
+// takes them. With the archive's statistics at hand a source counts the
+// stored frames itself at each look, so that its pace does not follow the
+// monitor's tenth of a second; the passes come from the monitor.
 struct SrvFlow {
   std::atomic<int64_t> m_i64_wanted{0};
   std::atomic<int64_t> m_i64_dealt{0};
+  std::atomic<int64_t> m_i64_passes{0};
+  int32_t (*m_p_stats)(ArchiveStats*) = nullptr;
 };
+// Stored and passed over, as fresh as the flow can tell.
+int64_t SrvFlowDealt(SrvFlow* p_av);
 
 struct SrvSourceCounts {
   std::atomic<int64_t> m_i64_sent{0};
@@ -36,6 +43,7 @@ struct SrvSourceCounts {
   std::atomic<int32_t> m_i_listeners{0};       // last `listen` answer
   std::atomic<int32_t> m_i_gets{0};            // "get" requests seen
   std::atomic<bool> m_b_done{false};
+  std::atomic<int64_t> m_i64_max_late_us{0};   // real-time pacing: the latest a frame went out
 };
 
 struct SrvSource {
@@ -60,6 +68,9 @@ struct SrvSource {
 bool SrvSourceOpen(SrvSource* p_av, const SrvCamera* p_camera_av, const SrvSettings* p_settings_av, SrvFlow* p_flow_av,
                    uint32_t ui_seed_av, std::string* p_error_av);
 void SrvSourceGo(SrvSource* p_av);
+// Tells the thread to stop, without waiting for it; many sources stop at
+// one moment when each is told before any is joined.
+void SrvSourceStop(SrvSource* p_av);
 // Stops the thread, leaves the tracks and frees what Open made.
 void SrvSourceClose(SrvSource* p_av);
 // Sends one "status" message with a `listen` counter; gives the count.
