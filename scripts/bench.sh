@@ -1,0 +1,149 @@
+#!/usr/bin/env bash
+# Runs the benchmark suite and prints each budget as pass or fail:
+#   1  frame path per frame against its floor (bench_frame)
+#   2  trace call on a channel that is off (bench_frame, bench_base)
+#   3  whole-process throughput of one camera against a plain append (writer-host, bench_append)
+#   4  cameras recorded in real time with no frame passed over (writer-host, searched)
+#   5  buffer memory of a channel (bench_memory) and process size per camera (writer-host)
+# Usage: scripts/bench.sh [BUILD_DIR]   (default: build-bench, RelWithDebInfo)
+# Settings: SCALE_SECONDS (run length of a scale try, default 20),
+#           SCALE_BUDGET_S (time the scale search may take, default 600),
+#           SCALE_START (first camera count tried, default 200).
+# Takes several minutes; the machine should be otherwise idle.
+set -uo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${1:-$root/build-bench}
+scale_seconds=${SCALE_SECONDS:-20}
+scale_budget=${SCALE_BUDGET_S:-600}
+scale_start=${SCALE_START:-200}
+work=$(mktemp -d /tmp/writer-bench.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+budgets=$work/budgets.txt
+: >"$budgets"
+
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null || exit 1
+cmake --build "$build" -j 2 >/dev/null || { echo "build failed" >&2; exit 1; }
+bin=$build/bin
+
+echo "== machine"
+lscpu | grep -E "^(Model name|CPU\(s\)|CPU max MHz|L2 cache|L3 cache)" | sed 's/  */ /g'
+grep -E "^(MemTotal)" /proc/meminfo
+echo
+
+budget() { echo "$*" | tee -a "$budgets"; }
+
+echo "== 1, 2: frame path and trace calls (in-process)"
+"$bin/bench_base" --benchmark_filter='TraceOff|StableMark' 2>/dev/null | grep -E "^BM_" | sed 's/\x1b\[[0-9;]*m//g'
+"$bin/bench_frame" 2>/dev/null | sed 's/\x1b\[[0-9;]*m//g' | tee "$work/frame.txt" | grep -vE "^BUDGET|^-|^Benchmark"
+grep "^BUDGET" "$work/frame.txt" >>"$budgets"
+echo
+
+echo "== 3: one camera as fast as it goes, against a plain append of the same frames"
+frames=300000
+best_plain=0
+best_host=0
+for try in 1 2 3; do
+  rm -rf "$work/run"
+  line=$("$bin/bench_append" "$work/append.bin" $frames)
+  echo "$line"
+  plain=$(echo "$line" | sed -n 's/.*: \([0-9]*\) frames\/s.*/\1/p')
+  rm -f "$work/append.bin"
+  line=$("$bin/writer-host" --pacing fast --frames $frames --in-flight 1000 --duration 0 --archive "$work/run/arc" \
+           --log "$work/run/log" --state "$work/run" --quiet | grep -E "^whole|passed over")
+  echo "$line"
+  host=$(echo "$line" | sed -n 's/^whole.*: \([0-9]*\) frames\/s.*/\1/p')
+  [ "${plain:-0}" -gt "$best_plain" ] && best_plain=$plain
+  [ "${host:-0}" -gt "$best_host" ] && best_host=$host
+done
+ratio=$(awk -v h="$best_host" -v p="$best_plain" 'BEGIN { printf "%.2f", (p > 0) ? h / p : 0 }')
+pass=$(awk -v r="$ratio" 'BEGIN { print (r >= 0.8) ? "pass" : "fail" }')
+budget "BUDGET 3 $pass: whole-process throughput / plain append (best of 3): $ratio ($best_host / $best_plain frames/s) (at least 0.8)"
+echo
+
+# A cameras file of n synthetic cameras: video 25 fps at 4 Mbit/s (a key
+# frame of four times the others every 2 s), 20 ms PCMA audio.
+cameras() {
+  local n=$1 i
+  printf '{"cameras":['
+  for ((i = 1; i <= n; i++)); do
+    [ "$i" -gt 1 ] && printf ','
+    printf '{"name":"c%d","source":{"type":"synthetic","fps":25,"key_interval_ms":2000,"frame_bytes":18868,' "$i"
+    printf '"audio":true,"audio_frame_ms":20},"config":{"common":{"key1":"bench","key2":"%d","key3":"c%d",' "$i" "$i"
+    printf '"enable":"1","_typeJS":"profiles"},"archive":{"writer":{"in":{"_value":"trackSource"},'
+    printf '"by_events":{"_value":false},"arc_key1":{"_value":"bench"},"arc_key2":{"_value":"c%d"},' "$i"
+    printf '"arc_key3":{"_value":"main"}}}}}'
+  done
+  printf ']}\n'
+}
+
+# One real-time run of n cameras, kept in scale_N.txt. Prints: ok or bad,
+# cpu per camera (% of one core), resident MB, frames sent, expected, passed
+# over, neither stored nor passed, latest frame (ms). Real time means no
+# frame passed over or left unstored and no frame sent more than 500 ms
+# after its time.
+scale_try() {
+  local n=$1 out=$work/scale_$1.txt
+  cameras "$n" >"$work/cams.json"
+  rm -rf "$work/run"
+  "$bin/writer-host" --cameras "$work/cams.json" --duration "$scale_seconds" --drain 10 --archive "$work/run/arc" \
+    --log "$work/run/log" --state "$work/run" --quiet >"$out" 2>&1
+  awk -v n="$n" -v secs="$scale_seconds" '
+    /^  sent / { sent += $2 + $4 }
+    /^frames / { wanted = $2; passes = $4; open = $7 }
+    /^whole / { for (i = 1; i <= NF; i++) { if ($i == "cpu") { user = $(i+1); sys = $(i+5) }
+                                         if ($i == "resident,") rss = $(i-2); if ($i == "most") late = $(i+1) } }
+    END {
+      expected = n * 75 * secs
+      ok = (passes == 0 && open == 0 && late != "" && late + 0 <= 500 && sent >= 0.98 * expected) ? "ok" : "bad"
+      printf "%s %.2f %.1f %d %d %d %d %s\n", ok, 100 * (user + sys) / secs / n, rss, sent, expected, passes, open, late
+    }' "$out"
+}
+
+echo "== 4, 5: cameras in real time (video 25 fps at 4 Mbit/s with 20 ms audio), ${scale_seconds} s a try"
+printf "%8s %6s %14s %10s %10s %10s %8s %8s %8s\n" cameras result "cpu/camera %" "rss MB" sent expected passed open "late ms"
+start=$SECONDS
+good=0
+bad=0
+n=$scale_start
+declare -A seen
+while [ $((SECONDS - start)) -lt "$scale_budget" ] && [ -z "${seen[$n]:-}" ]; do
+  read -r res cpu rss sent expected passes open late < <(scale_try "$n")
+  seen[$n]=$res
+  printf "%8d %6s %14s %10s %10s %10s %8s %8s %8s\n" "$n" "$res" "$cpu" "$rss" "$sent" "$expected" "$passes" "$open" "$late"
+  if [ "$res" = ok ]; then
+    good=$n
+    good_cpu=$cpu
+    good_rss=$rss
+  else
+    bad=$n
+  fi
+  if [ "$bad" -eq 0 ]; then
+    n=$((n * 3 / 2))
+  else
+    next=$(((good + bad) / 2))
+    [ $((bad - good)) -le $((good / 20 + 1)) ] && break
+    n=$next
+  fi
+done
+pass=$([ "$good" -ge 200 ] && echo pass || echo fail)
+budget "BUDGET 4 $pass: cameras recorded in real time with no frame passed over: $good (cpu ${good_cpu:-?}% of one core per camera) (at least 200)"
+# Process size per camera: the largest good run against one camera alone.
+read -r res1 cpu1 rss1 _ < <(scale_try 1)
+if [ "$good" -gt 1 ]; then
+  per=$(awk -v a="$good_rss" -v b="$rss1" -v n="$good" 'BEGIN { printf "%.2f", (a - b) / (n - 1) }')
+  echo "process size: ${rss1} MB with 1 camera, ${good_rss} MB with $good cameras: $per MB per camera"
+fi
+echo
+
+echo "== 5: buffer memory of a channel (in-process, manual clock)"
+"$bin/bench_memory" | tee "$work/memory.txt" | grep -v "^BUDGET"
+grep "^BUDGET" "$work/memory.txt" >>"$budgets"
+echo "slow archive, whole process: 20 cameras, every write 30 ms late"
+cameras 20 >"$work/cams.json"
+rm -rf "$work/run"
+"$bin/writer-host" --cameras "$work/cams.json" --duration "$scale_seconds" --write-delay 30 --drain 5 \
+  --archive "$work/run/arc" --log "$work/run/log" --state "$work/run" --quiet 2>&1 | grep -E "^whole|^frames"
+echo
+
+echo "== budgets"
+cat "$budgets"
