@@ -159,6 +159,14 @@ uint64_t PlFileTimeUtc() {
          static_cast<uint64_t>(ts_lv.tv_nsec) / 100;
 }
 
+uint64_t PlFileTimeUtcCoarse() {
+  if (g_b_manual.load(std::memory_order_relaxed)) return g_ui64_manual_utc.load(std::memory_order_relaxed);
+  timespec ts_lv;
+  clock_gettime(CLOCK_REALTIME_COARSE, &ts_lv);
+  return PL_UNIX_EPOCH_TICKS + static_cast<uint64_t>(ts_lv.tv_sec) * PL_TICKS_PER_SECOND +
+         static_cast<uint64_t>(ts_lv.tv_nsec) / 100;
+}
+
 uint64_t PlFileTimeToLocal(uint64_t ui64_utc_av) {
   return ui64_utc_av + static_cast<uint64_t>(OffsetSecondsAt(ui64_utc_av) * static_cast<int64_t>(PL_TICKS_PER_SECOND));
 }

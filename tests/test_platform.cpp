@@ -149,6 +149,15 @@ TEST_F(ManualClockTest, ClockReadsFollowTheManualTime) {
   EXPECT_EQ(t0, PlFileTimeUtc());
 }
 
+TEST(Clock, CoarseClockStaysWithinMillisecondsOfThePreciseOne) {
+  uint64_t precise = PlFileTimeUtc();
+  uint64_t coarse = PlFileTimeUtcCoarse();
+  EXPECT_LT(coarse > precise ? coarse - precise : precise - coarse, 50 * PL_TICKS_PER_MS);
+  PlClockUseManual(PL_UNIX_EPOCH_TICKS + 77);
+  EXPECT_EQ(PL_UNIX_EPOCH_TICKS + 77, PlFileTimeUtcCoarse());
+  PlClockUseReal();
+}
+
 TEST(Clock, RealClockRunsForward) {
   ASSERT_FALSE(PlClockIsManual());
   uint64_t t0 = PlFileTimeUtc();

@@ -365,7 +365,9 @@ void LogRefreshLevels() {
 // A level changed in the library reaches the flags within 20 s, without a
 // call into the library per line.
 int LogChannelEnabled(TLog2 channel_av) {
-  uint64_t ui64_now_lv = LogNowLocal();
+  // The refresh comes every 20 s: a clock good to a few milliseconds is
+  // enough here, and every trace call of the frame path pays for this read.
+  uint64_t ui64_now_lv = PlFileTimeToLocal(PlFileTimeUtcCoarse());
   if (ui64_now_lv > g_ui64_log_last_refresh.load(std::memory_order_relaxed) + LOG_REFRESH_TICKS) {
     g_ui64_log_last_refresh.store(ui64_now_lv, std::memory_order_relaxed);
     LogRefreshLevels();
