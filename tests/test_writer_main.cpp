@@ -2,6 +2,7 @@
 // archive, and the per-element reading of several documents.
 #include "writer/writer_global.h"
 #include "writer/writer_main.h"
+#include "writer/writer_atomic.h"
 
 #include <string>
 #include <vector>
@@ -36,7 +37,7 @@ TEST_F(WriterMainTest, PushWaitsOutABusyArchiveThenSendsTheSettingsBetweenMarks)
   TCameraInfoW* info = m_writer.m_camera_info_w;
   WriterPushSessionParams(&m_writer);  // no session: nothing
   EXPECT_TRUE(g_calls.empty());
-  info->m_dw_write_handle = 5;
+  AtomicPut(&info->m_dw_write_handle, 5);  // the channel's thread reads it
   info->m_b_depth_restrict = 1;
   info->m_i64_depth = 864000000000LL;
   info->m_b_write_by_event = 1;
