@@ -113,7 +113,7 @@ void Drain(CWriteBuffering* p_av, int32_t i_read_ind_av, int32_t* p_result_av, T
   long long i64_cam_lv = CameraId(p_av);
   int32_t i_pos_lv = 0;
   TDrainFrame fr_lv = {nullptr, 0, 0, 0};
-  while (AtomicGet(&p_av->m_b_exit_thread_write_buffering) == 0) {
+  while (AtomicGetAcquire(&p_av->m_b_exit_thread_write_buffering) == 0) {
     int32_t i_prev_lv = i_pos_lv;
     const uint8_t* pb_rec_lv = nullptr;
     if (RecordAt(p_rd_lv, i_pos_lv, &pb_rec_lv)) {

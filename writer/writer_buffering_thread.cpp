@@ -168,7 +168,7 @@ void ThreadWriteBufferingMethod(CWriteBuffering* p_av) {
   GroupState(&wd_lv, i_slot_lv, 1, 20000);
   TRACE44(TLOG_ARC_TRACE, "<buff> thread started ");
   bool b_leave_lv = false;
-  while (!b_leave_lv && AtomicGet(&p_av->m_b_exit_thread_write_buffering) == 0) {
+  while (!b_leave_lv && AtomicGetAcquire(&p_av->m_b_exit_thread_write_buffering) == 0) {
     b_leave_lv = WaitOnce(p_av, i_slot_lv, &wd_lv, &i64_last_live_lv);
     // The round runs also after the exit event: it swaps, but its drain
     // does not start, so nothing is flushed at the stop.
@@ -188,7 +188,7 @@ void ThreadWriteBufferingMethod(CWriteBuffering* p_av) {
 
 void ExitThreadWriteBuffering(CWriteBuffering* p_av) {
   TRACE44(TLOG_ARC, "<root> beg ExitThreadWriteBuffering");
-  AtomicPut(&p_av->m_b_exit_thread_write_buffering, 1);
+  AtomicPutRelease(&p_av->m_b_exit_thread_write_buffering, 1);
   if (p_av->m_h_event_exit_thread_write_buffering != nullptr) p_av->m_h_event_exit_thread_write_buffering->Set();
   if (p_av->m_h_event_stop_thread_write_buffering != nullptr) {
     // A thread that never ran has nobody to set the stop event.
