@@ -7,6 +7,7 @@
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
 #include "tests/test_text_util.h"
+#include "tests/test_plugin_host.h"
 
 #include <dlfcn.h>
 #include <stdlib.h>
@@ -104,22 +105,12 @@ class DllMainTest : public ::testing::Test {
     core_dll_open("core", rows);
   }
 
-  template <typename T>
-  T Sym(void* lib, const char* name) {
-    return reinterpret_cast<T>(dlsym(lib, name));
-  }
-
   void SetUp() override {
     char dir[] = "/tmp/test_dllmain_XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(dir));
     m_dir = dir;
-    std::string config = "{\"root\":\"" + m_dir + "/arc\"" + m_archive_extra + "}";
-    ASSERT_EQ(0, Sym<int32_t (*)(const char*)>(s_archive, "archive_configure")(config.c_str()));
-    ASSERT_EQ(0, Sym<LogConfigureFn>(s_log, "log_configure")((m_dir + "/log").c_str(), nullptr));
-    core_set_path("archive", WRITER_BIN_DIR "/libwarchive.so");
-    core_set_path("log-1", WRITER_BIN_DIR "/liblog.so");
-    m_lib = dlopen(WRITER_BIN_DIR "/libwriter.so", RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(nullptr, m_lib) << dlerror();
+    m_lib = LoadPluginBeside(s_archive, s_log, m_dir, m_archive_extra);
+    ASSERT_NE(nullptr, m_lib);
     dll_init = Sym<DllInitFn>(m_lib, "dll_init");
     dll_free = Sym<DllFreeFn>(m_lib, "dll_free");
     plugin_open = Sym<PluginOpenFn>(m_lib, "plugin_open");

@@ -19,6 +19,7 @@
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
 #include "tests/test_text_util.h"
+#include "tests/test_plugin_host.h"
 
 namespace {
 
@@ -127,11 +128,6 @@ struct Source {
 
 class WriterPipelineTest : public ::testing::Test {
  protected:
-  template <typename T>
-  T Sym(void* lib, const char* name) {
-    return reinterpret_cast<T>(dlsym(lib, name));
-  }
-
   void SetUp() override {
     s_archive = dlopen(WRITER_BIN_DIR "/libwarchive.so", RTLD_NOW | RTLD_LOCAL);
     s_log = dlopen(WRITER_BIN_DIR "/liblog.so", RTLD_NOW | RTLD_LOCAL);
@@ -140,13 +136,8 @@ class WriterPipelineTest : public ::testing::Test {
     char dir[] = "/tmp/test_writer_pipeline_XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(dir));
     m_dir = dir;
-    std::string config = "{\"root\":\"" + m_dir + "/arc\"" + m_archive_extra + "}";
-    ASSERT_EQ(0, Sym<int32_t (*)(const char*)>(s_archive, "archive_configure")(config.c_str()));
-    ASSERT_EQ(0, Sym<LogConfigureFn>(s_log, "log_configure")((m_dir + "/log").c_str(), nullptr));
-    core_set_path("archive", WRITER_BIN_DIR "/libwarchive.so");
-    core_set_path("log-1", WRITER_BIN_DIR "/liblog.so");
-    m_lib = dlopen(WRITER_BIN_DIR "/libwriter.so", RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(nullptr, m_lib) << dlerror();
+    m_lib = LoadPluginBeside(s_archive, s_log, m_dir, m_archive_extra);
+    ASSERT_NE(nullptr, m_lib);
     ASSERT_EQ(0, Sym<int32_t (*)()>(m_lib, "dll_init")());
     std::string doc = R"({"common":{"key1":"a","key2":"b","key3":"c","_typeJS":"profiles"},"archive":{"writer":{)"
                       R"("arc_key1":{"_value":"A"},"arc_key2":{"_value":"B"},"arc_key3":{"_value":"C"},)"
