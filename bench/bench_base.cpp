@@ -14,6 +14,7 @@
 #include "linux/common_use/service/service4.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_os.h"
+#include "bench/bench_monitor.h"
 
 namespace {
 
@@ -101,32 +102,10 @@ BENCHMARK(BM_StrHash64);
 
 // The monitor and the checker as dll_init makes them; the monitor's files
 // go beside this program and are removed at the end.
-std::string g_dir;
+bench::MonitorWorld g_world;
 
-void WorldUp() {
-  char exe[512];
-  if (PlExePath(exe, sizeof(exe)) > 0) {
-    g_dir = exe;
-    g_dir = g_dir.substr(0, g_dir.rfind('/'));
-  }
-  g_p_mem_checker = new MemChecker();
-  strcpy(g_s_plugin_path, "/bench_base");
-  g_p_stable = static_cast<StableObject*>(calloc(1, sizeof(StableObject)));
-  StableStart();
-}
-
-void WorldDown() {
-  StableStop();
-  free(g_p_stable);
-  g_p_stable = nullptr;
-  delete g_p_mem_checker;
-  g_p_mem_checker = nullptr;
-  if (g_dir.empty()) return;
-  for (const char* sub : {"stable", "cpu", "memory"}) {
-    std::remove((g_dir + "/" + sub + "/bench_base.log").c_str());
-    std::remove((g_dir + "/" + sub).c_str());  // only when empty
-  }
-}
+void WorldUp() { g_world.Up("bench_base"); }
+void WorldDown() { g_world.Down(); }
 
 }  // namespace
 

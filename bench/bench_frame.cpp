@@ -39,6 +39,7 @@
 #include "writer/writer_exchanger.h"
 #include "writer/writer_global.h"
 #include "writer/writer_main.h"
+#include "bench/bench_monitor.h"
 
 namespace {
 
@@ -190,20 +191,12 @@ void Budgets(const bench::KeepingReporter& r) {
 
 // The monitor, the checker and the saved-subscription list as dll_init
 // makes them; the monitor's files go beside this program.
-std::string g_dir;
+bench::MonitorWorld g_world;
 
 void WorldUp() {
-  char exe[512];
-  if (PlExePath(exe, sizeof(exe)) > 0) {
-    g_dir = exe;
-    g_dir = g_dir.substr(0, g_dir.rfind('/'));
-  }
   char log_dir[] = "/tmp/bench_frame_log.XXXXXX";
   if (mkdtemp(log_dir) != nullptr) g_log_dir = log_dir;
-  g_p_mem_checker = new MemChecker();
-  strcpy(g_s_plugin_path, "/bench_frame");
-  g_p_stable = static_cast<StableObject*>(calloc(1, sizeof(StableObject)));
-  StableStart();
+  g_world.Up("bench_frame");
   g_p_log_status_list = new CLogStatusList();
   LogStatusRecomputeAllOff(g_p_log_status_list);
   SinkInstall();
@@ -213,20 +206,11 @@ void WorldDown() {
   g_archive = TArchiveFns();
   delete g_p_log_status_list;
   g_p_log_status_list = nullptr;
-  StableStop();
-  free(g_p_stable);
-  g_p_stable = nullptr;
-  delete g_p_mem_checker;
-  g_p_mem_checker = nullptr;
+  g_world.Down();
   if (!g_log_dir.empty()) {
     for (const char* name : kLoggers) std::remove((g_log_dir + "/" + name + ".log").c_str());
     std::remove((g_log_dir + "/_.log").c_str());
     rmdir(g_log_dir.c_str());
-  }
-  if (g_dir.empty()) return;
-  for (const char* sub : {"stable", "cpu", "memory"}) {
-    std::remove((g_dir + "/" + sub + "/bench_frame.log").c_str());
-    std::remove((g_dir + "/" + sub).c_str());  // only when empty
   }
 }
 
