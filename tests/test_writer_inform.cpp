@@ -1,13 +1,17 @@
 // The liveness and error-status judges of one channel, run by hand under
-// the manual clock against the reference archive.
-#include "writer/writer_inform.h"
+// the manual clock against the reference archive; and the fill statistic
+// that the frame path feeds for the status report.
+#include <cstring>
 
+#include "tests/test_text_util.h"
 #include "tests/test_writer_channel.h"
+#include "writer/writer_inform.h"
 
 namespace {
 
 using writer_test::ChannelTest;
 using writer_test::Heard;
+using writer_test::kSecond;
 
 class InformTest : public ChannelTest {
  protected:
@@ -89,6 +93,74 @@ TEST_F(InformTest, TheWriteErrorFlagRisesAfterFiveSecondsOfErrorAndFallsAtTheFir
   Advance(1);
   WriteErrorStatusFormation_Vart2(m_buff);  // within 5 s: only the round time moves
   EXPECT_EQ(before + 10000000LL, m_w->m_status.m_i64_buff_thread_last_itter);
+}
+
+// The ring as the "buffer_fill_breif" view shows it: 60 bare values,
+// oldest first.
+std::string Brief(TBuffFillStat* ring) {
+  std::string out;
+  BuffFillToJson(ring, &out, "buffer_fill_breif");
+  return out;
+}
+
+std::string Values(const std::vector<int>& tail) {
+  std::string out = "[";
+  for (size_t i = 0; i < 60; i++) {
+    if (i > 0) out += ",";
+    out += i + tail.size() < 60 ? "0" : std::to_string(tail[i + tail.size() - 60]);
+  }
+  return out + "]";
+}
+
+TEST_F(InformTest, ASlotIsClosedByTheFirstFrameOfALaterSecondWithTheLargestCountUpToIt) {
+  TBuffFillStat ring;
+  StatGen(&ring, 1, 0, 2);  // the first frame ever closes a slot at once
+  EXPECT_EQ(Values({2}), Brief(&ring));
+  PlClockAdvance(kSecond / 10);
+  StatGen(&ring, 1, 0, 7);
+  PlClockAdvance(kSecond / 10);
+  StatGen(&ring, 1, 0, 5);
+  EXPECT_EQ(Values({2}), Brief(&ring));  // steady frames within the second write nothing
+  // Seconds without frames leave no slot: the next frame closes one slot.
+  Advance(5);
+  StatGen(&ring, 1, 0, 1);
+  EXPECT_EQ(Values({2, 7}), Brief(&ring));
+  Advance(1);
+  StatGen(&ring, 1, 0, 9);  // the closing frame's own count is in its slot
+  EXPECT_EQ(Values({2, 7, 9}), Brief(&ring));
+  EXPECT_EQ(0, BuffFillNotEmpty(&ring, "buffer_fill_over_30"));
+  EXPECT_EQ(1, BuffFillNotEmpty(&ring, "buffer_fill_over_1"));
+}
+
+TEST_F(InformTest, TheRingKeepsTheLastSixtyPeriodsAndTheFullViewPairsThemWithTheirTime) {
+  TBuffFillStat ring;
+  std::vector<int> kept;
+  for (int i = 1; i <= 61; i++) {
+    StatGen(&ring, 1, 1, i);
+    if (i > 1) kept.push_back(i);
+    Advance(1);
+  }
+  EXPECT_EQ(Values(kept), Brief(&ring));
+  std::string full;
+  BuffFillToJson(&ring, &full, "buffer_fill");
+  PlCalendar cal = {};
+  ASSERT_TRUE(PlFileTimeToCalendar(FileTimeNowLocal() - kSecond, &cal));
+  char last[40];
+  snprintf(last, sizeof(last), "[\"%02d:%02d:%02d:000\",61]]", cal.i_hour, cal.i_minute, cal.i_second);
+  EXPECT_EQ(0u, full.find("[[\""));
+  EXPECT_EQ(full.size() - strlen(last), full.rfind(last));
+  EXPECT_EQ(60, Count(full, "\","));
+}
+
+TEST_F(InformTest, EachPutFeedsTheRingOfItsBufferIndex) {
+  Send(true);
+  Send(false);
+  EXPECT_EQ(Values({1}), Brief(&m_w->m_status.m_buff_fill1));
+  Drain();  // the other buffer now accepts
+  Advance(1);
+  Send(true);
+  EXPECT_EQ(Values({1}), Brief(&m_w->m_status.m_buff_fill2));
+  EXPECT_EQ(Values({1}), Brief(&m_w->m_status.m_buff_fill1));
 }
 
 }  // namespace

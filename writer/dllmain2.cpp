@@ -7,6 +7,7 @@
 #include "linux/common_use/service/service2.h"
 #include "writer/writer_parcer.h"
 #include "writer/writer_stability.h"
+#include "writer/writer_web_service.h"
 
 ProfileParam g_fish_types[2] = {{PP_STRING, "fish_types", const_cast<char*>(S_FISH_TYPES)}, {PP_END, nullptr, nullptr}};
 ProfileParam g_fish[2] = {{PP_STRING, "fish", const_cast<char*>(S_FISH)}, {PP_END, nullptr, nullptr}};
@@ -100,10 +101,10 @@ int32_t DllExecWalk(ProfileParam* p_params_av) {
 // synchronously and is only valid during the callback.
 void OnGetInfo_Causing1(ProfileCallback* p_record_av, SafeString* p_json_av, SafeString* p_reply_av) {
   CEntryScope scope_lv("OnGetInfo_Causing1");
-  (void)p_json_av;
   StableMark(scope_lv.Slot(), 21081);
   TRACE44(TLOG_ARC, "<request>Bef RequestExec 2");
   StableMark(scope_lv.Slot(), 21082);
+  QueryExec(nullptr, p_json_av->m_p_text, p_reply_av, scope_lv.Slot());
   TRACE44(TLOG_ARC, "<request>Aft RequestExec 2");
   ProfileParam reply_lv[] = {
       {PP_STRING, "json", p_reply_av->m_p_text != nullptr ? p_reply_av->m_p_text : const_cast<char*>("")},

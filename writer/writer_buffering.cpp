@@ -206,6 +206,9 @@ void PutToBuffers(CWriteBuffering* p_av, uint32_t ui_size_av, uint8_t ui_type_av
   p_buff_lv->m_i_frame_num_b++;
   AtomicPut(&p_buff_lv->m_b_filled_b, 1);
   if (p_av->m_p_writer != nullptr) AtomicPut(&p_av->m_p_writer->m_status.m_i_buff_frames[i_ind_lv], p_buff_lv->m_i_frame_num_b);
+  if (p_av->m_p_writer != nullptr)
+    StatGen(i_ind_lv == 0 ? &p_av->m_p_writer->m_status.m_buff_fill1 : &p_av->m_p_writer->m_status.m_buff_fill2,
+            i64_cam_lv, i_ind_lv, p_buff_lv->m_i_frame_num_b);
   if (p_av->m_h_event_activate_thread_write_buffering != nullptr) p_av->m_h_event_activate_thread_write_buffering->Set();
 }
 

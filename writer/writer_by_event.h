@@ -1,7 +1,8 @@
 // A channel's event state: the event types it reacts to and whether it is
 // in an event. The configuration reader fills the event list, the channel
 // open and reconfiguration own it, the "track_event" callback and the
-// per-frame decision read it.
+// per-frame decision read it. The reading of an event message and the
+// counting of one event are shared with the events registrator.
 #pragma once
 
 #include <cstdint>
@@ -52,18 +53,63 @@ class CWriterByEvent {
   int64_t m_i64_last_dur_check;
 };
 
+// The longest guid an event message can carry: the value has to close
+// inside 38 bytes counted from ",guid=".
+const int32_t I_EVENT_GUID_MAX = 31;
+
+// What one event message says. The channel and the registrator read the
+// same message; each applies its own rule to what was found.
+struct TEventMsg {
+  int32_t i_event_type;
+  int32_t b_key2_seen;  // the message carried a "key2" of its own
+  int32_t b_read_ok;    // the last "sysinfo" closed every value it began
+  int32_t b_stop_mark;  // ",event_stop_id=": the start half of a pair
+  int32_t i_stop_id;
+  int32_t b_start_mark;  // ",event_start_id=": the stop half of a pair
+  char s_guid[I_EVENT_GUID_MAX + 1];
+  int64_t i64_dur;  // ticks
+  int32_t b_dur_pres;
+};
+
 // A new element for the pair; 60030 is marked forced. Null without memory.
 TEventElem* EventElemCreate(int32_t i_event_av, int32_t i_stop_event_av);
 void EventElemDestroy(TEventElem* p_elem_av);
+// Frees every guid of the element and empties its guid list.
+void EventElemClearGuids(TEventElem* p_elem_av);
+// Adds a copy of the text to the element's guids.
+void EventElemAddGuid(TEventElem* p_elem_av, const char* s_guid_av);
 // Appends a new element to the list.
 void EventListAdd(CListOur* p_list_av, int32_t i_event_av, int32_t i_stop_event_av);
 // Frees every element with its guids and empties the list.
 void EventListClear(CListOur* p_list_av);
 // True when an element for the event type is in the list.
 bool EventListHas(CListOur* p_list_av, int32_t i_event_av);
+// The first element whose start event is the type learns its stop partner.
+void EventListTeachStop(CListOur* p_list_av, int32_t i_event_av, int32_t i_stop_id_av);
+
+// Reads "event_type", "key1".."key3" (into p_key_av, which keeps what a
+// message leaves out) and every "sysinfo" of the message.
+void EventMsgRead(ProfileParam* p_params_av, SafeString* p_key_av, TEventMsg* p_out_av);
+// Reads the marks, the guid and the duration of one "sysinfo" text into
+// the message. 1 when every value that was begun also closed, else 0.
+int32_t SysInfoRead(const char* s_text_av, TEventMsg* p_out_av);
+// Applies one event to a list: the start side counts up, the stop side
+// down, the on-counter follows. Camera id -1 for the registrator.
+void CorrectState(int64_t i64_cam_id_av, int32_t* p_on_counter_av, CListOur* p_list_av, int32_t i_event_av,
+                  const char* s_guid_av, int64_t i64_dur_av, int32_t b_dur_pres_av);
 
 // The "track_event" callback of a channel that records by events.
 void on_profile_events(void* p_user_av, ProfileParam* p_params_av);
+// Enters the event state and, if the channel had stopped, asks the source
+// for frames.
+void OnEvent_Vart2(CWriterByEvent* p_av);
+// Leaves the event state; the post-event span starts now.
+void OnResetEvent(CWriterByEvent* p_av);
+// In or out of the event state by the on-counter.
+void RefreshStateByCounter(CWriterByEvent* p_av);
+// Copies the registrator's elements of this camera into the channel's
+// list; the sum of the counters.
+int32_t LoadFromRegistrator(CWriterByEvent* p_av);
 // Takes the present event state over; run by start and reconfiguration.
 void InitEventStatus(CWriterByEvent* p_av);
 
@@ -75,3 +121,7 @@ int32_t NeedWriteCommonCondish(CWriter* p_writer_av);
 int32_t NeedWrite(CWriterByEvent* p_av, int32_t i_slot_av);
 // Ends forced recording whose time ran out; run from NeedWrite.
 void CheckForcedDuration(CWriterByEvent* p_av, int32_t i_slot_av);
+// m_i_counter of the first forced element, else 0; for the status report.
+int32_t ForcedEventCounter(CWriterByEvent* p_av);
+// The "cntr" and "events" fragment of the status report's by_events view.
+void EventsToJson(CWriterByEvent* p_av, SafeString* p_out_av);

@@ -1,7 +1,8 @@
 // The process-wide side of the plug-in: the ten functions of the archive
 // library, loaded by GlobalInit and released by GlobalDeinit, and the one
-// CWriterGlobal that lists every open channel. dll_init and dll_free run
-// them; every channel reaches the archive through g_archive.
+// CWriterGlobal that lists every open channel and keeps the events
+// registrator. dll_init and dll_free run them; every channel reaches the
+// archive through g_archive.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include "host/include/core_api.h"
 #include "linux/common_use/diagnostic.h"
 #include "linux/common_use/temp/clist.h"
+#include "writer/writer_events_registrator.h"
 
 struct TArchiveFns {
   void* m_h_lib;
@@ -42,6 +44,9 @@ class CWriterGlobal {
   CWriterGlobal& operator=(const CWriterGlobal&) = delete;
 
   TrackHandle m_h_track_event;
+  // Made before the channel list and taken apart after it: its track is
+  // closed before its lists go.
+  CEventsRegistrator m_events_registrator;
   CListOur m_list_writers;  // CWriter*, video and audio alike
   TSpeedStat m_speed_stat;
   int64_t m_i64_empty_id;

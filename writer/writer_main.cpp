@@ -18,21 +18,23 @@ namespace {
 const int32_t I_SIGN_WRITER = 4501;
 const int32_t I_SIGN_TEXT = 4502;
 
-const char* Text(const SafeString* p_av) { return p_av->m_p_text != nullptr ? p_av->m_p_text : ""; }
-
 int64_t HashOf(const SafeString* p_av) {
-  const char* s_lv = Text(p_av);
+  const char* s_lv = SafeStringText(p_av);
   return static_cast<int64_t>(StrHash64(s_lv, static_cast<uint32_t>(strlen(s_lv))));
 }
 
-void TextSet(SafeString* p_dst_av, const SafeString* p_src_av) { SafeStringAssign(p_dst_av, Text(p_src_av), I_SIGN_TEXT); }
+void TextSet(SafeString* p_dst_av, const SafeString* p_src_av) {
+  SafeStringAssign(p_dst_av, SafeStringText(p_src_av), I_SIGN_TEXT);
+}
 
-bool TextEqual(const SafeString* p_a_av, const SafeString* p_b_av) { return strcmp(Text(p_a_av), Text(p_b_av)) == 0; }
+bool TextEqual(const SafeString* p_a_av, const SafeString* p_b_av) {
+  return strcmp(SafeStringText(p_a_av), SafeStringText(p_b_av)) == 0;
+}
 
 // Joins the first count keys with the separator; empty keys keep theirs.
 void JoinKeys(const SafeString* p_keys_av, int32_t i_count_av, char c_sep_av, SafeString* p_out_av) {
   const char* texts_lv[5];
-  for (int32_t i_lv = 0; i_lv < i_count_av; i_lv++) texts_lv[i_lv] = Text(&p_keys_av[i_lv]);
+  for (int32_t i_lv = 0; i_lv < i_count_av; i_lv++) texts_lv[i_lv] = SafeStringText(&p_keys_av[i_lv]);
   SafeStringJoin(texts_lv, i_count_av, p_out_av, c_sep_av);
 }
 
@@ -55,16 +57,16 @@ void ComputeIds(TCameraInfoW* p_info_av) {
   SafeString name_lv;
   JoinKeys(p_info_av->m_s_arc_keys, 4, '$', &name_lv);
   AtomicPut(&p_info_av->m_i64_id3, HashOf(&name_lv));
-  TRACE44(TLOG_ARC, "<root><<<---CWriterExchanger::OpenTrack name3 %s id3 %lld \r\n", Text(&name_lv),
+  TRACE44(TLOG_ARC, "<root><<<---CWriterExchanger::OpenTrack name3 %s id3 %lld \r\n", SafeStringText(&name_lv),
           static_cast<long long>(p_info_av->m_i64_id3));
   JoinKeys(p_info_av->m_s_arc_keys, 2, '$', &name_lv);
   p_info_av->m_i64_id2 = HashOf(&name_lv);
-  TRACE44(TLOG_ARC, "<root><<<---CWriterExchanger::OpenTrack name2 %s id2 %lld \r\n", Text(&name_lv),
+  TRACE44(TLOG_ARC, "<root><<<---CWriterExchanger::OpenTrack name2 %s id2 %lld \r\n", SafeStringText(&name_lv),
           static_cast<long long>(p_info_av->m_i64_id2));
   const SafeString* p_key2_lv = &p_info_av->m_s_arc_keys[1];
-  if (Text(p_key2_lv)[0] == 0) return;
+  if (SafeStringText(p_key2_lv)[0] == 0) return;
   p_info_av->m_i64_id1 = HashOf(p_key2_lv);
-  TRACE44(TLOG_ARC, "<root><<<---CWriterExchanger::OpenTrack name1 %s id1 %lld \r\n", Text(p_key2_lv),
+  TRACE44(TLOG_ARC, "<root><<<---CWriterExchanger::OpenTrack name1 %s id1 %lld \r\n", SafeStringText(p_key2_lv),
           static_cast<long long>(p_info_av->m_i64_id1));
 }
 
@@ -94,7 +96,7 @@ void StoreStorage(TCameraInfoW* p_info_av, const SafeString* p_storage_av) {
 void LogNotRecognized(const TWriterConfig* p_cfg_av) {
   SafeString name_lv;
   JoinKeys(p_cfg_av->m_s_common_keys, 4, '_', &name_lv);
-  TRACE45(TLOG_ARC, TSEV_FAULT, "<error>writer: %s error - json config not recognized", Text(&name_lv));
+  TRACE45(TLOG_ARC, TSEV_FAULT, "<error>writer: %s error - json config not recognized", SafeStringText(&name_lv));
 }
 
 // WriterOpen's keys and ids of a recognised document.
@@ -102,7 +104,7 @@ void OpenIdentity(CWriter* p_av, const TWriterConfig* p_cfg_av) {
   TCameraInfoW* p_info_lv = p_av->m_camera_info_w;
   SafeString name_lv;
   JoinKeys(p_cfg_av->m_s_common_keys, 4, '_', &name_lv);
-  TRACE44(TLOG_ARC_TRACEDECIM, "<%s>writer: plugin open", Text(&name_lv));
+  TRACE44(TLOG_ARC_TRACEDECIM, "<%s>writer: plugin open", SafeStringText(&name_lv));
   for (int i_lv = 0; i_lv < 5; i_lv++) {
     TextSet(&p_info_lv->m_s_common_keys[i_lv], &p_cfg_av->m_s_common_keys[i_lv]);
     TextSet(&p_info_lv->m_s_arc_keys[i_lv], &p_cfg_av->m_s_arc_keys[i_lv]);
@@ -123,14 +125,14 @@ void OpenAnnounce(CWriter* p_av, ProfileParam* p_params_av, bool b_by_events_av)
   if (g_p_writer_global != nullptr) CListOurAdd(&g_p_writer_global->m_list_writers, p_av);
   ArchiveSet(Code(p_av, I_CODE_BY_EVENT_VIDEO, I_CODE_BY_EVENT_AUDIO), p_info_lv->m_i64_id3,
              p_info_lv->m_b_write_by_event);
-  p_av->m_status.m_b_write_by_event = p_info_lv->m_b_write_by_event;
+  AtomicPut(&p_av->m_status.m_b_write_by_event, p_info_lv->m_b_write_by_event);
   p_av->m_p_schedule = SafeNew<WriterSchedule>(I_SIGN_WRITER, p_av);
   if (p_av->m_p_schedule != nullptr) LoadFromParams(p_av->m_p_schedule, p_params_av);
   if (b_by_events_av) OpenEventTrack(p_av);
   SafeString caption_lv;
   SafeStringAssign(&caption_lv, "writer ", I_SIGN_TEXT);
-  SafeStringAppend(&caption_lv, Text(&p_info_lv->m_s_arc_keys[1]), I_SIGN_TEXT);
-  RegisterAlive(p_av, Text(&caption_lv));
+  SafeStringAppend(&caption_lv, SafeStringText(&p_info_lv->m_s_arc_keys[1]), I_SIGN_TEXT);
+  RegisterAlive(p_av, SafeStringText(&caption_lv));
 }
 
 }  // namespace
@@ -317,7 +319,7 @@ void WriterOpen(CWriter* p_av, ProfileParam* p_params_av) {
     LogNotRecognized(&cfg_lv);
   SafeString name_lv;
   JoinKeys(cfg_lv.m_s_common_keys, 4, '_', &name_lv);
-  TRACE44(TLOG_ARC_TRACEDECIM, "<%s>writer: plugin open end", Text(&name_lv));
+  TRACE44(TLOG_ARC_TRACEDECIM, "<%s>writer: plugin open end", SafeStringText(&name_lv));
   StoreSettings(p_av, &cfg_lv);
   TCameraInfoW* p_info_lv = p_av->m_camera_info_w;
   if (cfg_lv.m_b_by_events != 0) {
@@ -340,6 +342,14 @@ void WriterCloseTracks(CWriter* p_av) {
   ArchiveSet(Code(p_av, I_CODE_LEAVE_VIDEO, I_CODE_LEAVE_AUDIO), i64_id3_lv, -1);
 }
 
+// The "frame" request with its nested "get" marker: the source starts or
+// goes on sending frames.
+void WriterAskFrames(CWriter* p_av) {
+  ProfileParam get_lv[] = {{PP_LIST, "get", nullptr}, {PP_END, nullptr, nullptr}};
+  ProfileParam frame_lv[] = {{PP_LIST, "frame", get_lv}, {PP_END, nullptr, nullptr}};
+  BusData(p_av->m_h_track_status, frame_lv);
+}
+
 void WriterStart(CWriter* p_av) {
   long long i64_id3_lv = static_cast<long long>(p_av->m_camera_info_w->m_i64_id3);
   TRACE44(TLOG_ARC_TRACEDECIM, "<%lld_by_ev>writer start vid", i64_id3_lv);
@@ -348,9 +358,7 @@ void WriterStart(CWriter* p_av) {
   ArchiveSet(Code(p_av, I_CODE_START_VIDEO, I_CODE_START_AUDIO), i64_id3_lv, 1);
   if (p_av->m_p_schedule != nullptr && p_av->m_p_schedule->m_b_is_shedule_present != 0) return;
   TRACE44(TLOG_ARC_TRACE, "<%lld>writer: plugin exec start, get", i64_id3_lv);
-  ProfileParam get_lv[] = {{PP_LIST, "get", nullptr}, {PP_END, nullptr, nullptr}};
-  ProfileParam frame_lv[] = {{PP_LIST, "frame", get_lv}, {PP_END, nullptr, nullptr}};
-  BusData(p_av->m_h_track_status, frame_lv);
+  WriterAskFrames(p_av);
   p_av->m_status.m_i64_start_time = static_cast<int64_t>(FileTimeNowLocal());
 }
 
@@ -409,7 +417,7 @@ void WriterApplyConfig(CWriter* p_av, const TWriterConfig* p_cfg_av, ProfilePara
   ApplyByEvents(p_av, p_cfg_av->m_b_by_events != 0);
   ArchiveSet(Code(p_av, I_CODE_BY_EVENT_VIDEO, I_CODE_BY_EVENT_AUDIO), p_info_lv->m_i64_id3,
              p_info_lv->m_b_write_by_event);
-  p_av->m_status.m_b_write_by_event = p_info_lv->m_b_write_by_event;
+  AtomicPut(&p_av->m_status.m_b_write_by_event, p_info_lv->m_b_write_by_event);
   if (p_av->m_p_schedule != nullptr) LoadFromParams(p_av->m_p_schedule, p_params_av);
   WriterPushSessionParams(p_av);
 }

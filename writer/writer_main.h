@@ -12,6 +12,7 @@
 #include "platform/pl_sync.h"
 #include "writer/writer_buffering.h"
 #include "writer/writer_by_event.h"
+#include "writer/writer_inform.h"
 #include "writer/writer_schedule.h"
 
 class CWriter;
@@ -42,8 +43,8 @@ struct TWriterStatus {
   int32_t m_b_sched;
   int64_t m_i64_last_detect;
   int64_t m_i64_sched_last_get;
-  char m_s_ring1[1024];
-  char m_s_ring2[1024];
+  TBuffFillStat m_buff_fill1;  // fill statistic of buffer index 0
+  TBuffFillStat m_buff_fill2;  // and of index 1
   int32_t m_b_is_write_error;
   int64_t m_i64_last_alive_confirm;
   int64_t m_i64_buff_thread_last_itter;
@@ -195,6 +196,8 @@ int32_t InfoWriteHandle(const TCameraInfoW* p_info_av);
 void WriterOpen(CWriter* p_av, ProfileParam* p_params_av);
 void WriterCloseTracks(CWriter* p_av);
 void WriterStart(CWriter* p_av);
+// Asks the source on the status track for frames, with the bus discipline.
+void WriterAskFrames(CWriter* p_av);
 void WriterReconfigure(CWriter* p_av, ProfileParam* p_params_av);
 void WriterApplyConfig(CWriter* p_av, const TWriterConfig* p_cfg_av, ProfileParam* p_params_av);
 void WriterPushSessionParams(CWriter* p_av);

@@ -43,7 +43,7 @@ void ClearOverload(TCameraInfoW* p_av, int64_t i64_now_av) {
   if (p_av->m_i64_overload_passes == 0) ArcSetParams(126, -1, 0);
   p_av->m_i64_overload_check = i64_now_av;
   p_av->m_i64_overload_passes = 0;
-  p_av->m_i64_pass_prev_window = 0;
+  AtomicPut(&p_av->m_i64_pass_prev_window, static_cast<int64_t>(0));
 }
 
 // A frame passed over: counted, reported, and the stream waits for a key.
@@ -65,10 +65,10 @@ void CountPass(TCameraInfoW* p_av, int64_t i64_now_av, int32_t i_slot_av) {
   if (p_av->m_i64_pass_in_window > I64_PASS_REPORT_LIMIT) ArcSetParams(126, -1, 1);
   if (i64_now_av > p_av->m_i64_pass_window_start + I64_PASS_WINDOW) {
     p_av->m_i64_pass_window_start = i64_now_av;
-    p_av->m_i64_pass_prev_window = p_av->m_i64_pass_in_window;
+    AtomicPut(&p_av->m_i64_pass_prev_window, p_av->m_i64_pass_in_window);
     p_av->m_i64_pass_in_window = 0;
   }
-  p_av->m_b_wait_key = 1;
+  AtomicPut(&p_av->m_b_wait_key, 1);
 }
 
 // The admission rule and the build, under the buffering lock.
@@ -98,7 +98,7 @@ int32_t AdmitLocked(TCameraInfoW* p_av, int32_t i_slot_av, int64_t i64_counter_a
     StableMark(i_slot_av, 21856);
     if (FillBuff(p_writer_lv, i_slot_av) != 0) {
       StableMark(i_slot_av, 21857);
-      if (i_key_lv != 0) p_av->m_b_wait_key = 0;
+      if (i_key_lv != 0) AtomicPut(&p_av->m_b_wait_key, 0);
       int32_t i_status_lv = RC_OK;
       if (p_global_lv == nullptr || AtomicGet(&p_global_lv->m_b_work_mode_150607) == 0)
         i_status_lv = WriteData(p_av, i_slot_av);

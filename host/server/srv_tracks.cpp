@@ -117,6 +117,9 @@ void OnEvent(void* p_user_av, ProfileParam* p_params_av) {
     if (Named(p_el_lv, "comment") && TextOf(p_el_lv) != nullptr) s_comment_lv = TextOf(p_el_lv);
     if (Named(p_el_lv, "key2") && TextOf(p_el_lv) != nullptr) s_key2_lv = TextOf(p_el_lv);
   }
+  // A channel taking over the event state sends an empty message: the
+  // host keeps no events of its own to replay, so there is nothing to show.
+  if (i_type_lv == 0) return;
   p_lv->m_i64_plugin_events++;
   AddLine(p_lv, "event " + std::to_string(i_type_lv) + " from the plug-in, camera " + s_key2_lv + ": " + s_comment_lv);
 }

@@ -1,11 +1,16 @@
-// The list of log sites an operator has subscribed to, and the three queries
-// that change it. The trace functions (service2) bind sites to its elements;
-// the query dispatch calls LogStatusAdd, LogStatusDelete and LogStatusOff.
+// The list of log sites an operator has subscribed to, the three queries
+// that change it and the one that shows it. The trace functions (service2)
+// bind sites to its elements; the query dispatch calls LogStatusAdd,
+// LogStatusDelete, LogStatusOff and LogStatusList.
 #include "linux/common_use/config.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
+#include "linux/common_use/service/Stable.h"
 #include "linux/common_use/service/service2.h"
 #include "platform/pl_sync.h"
 
@@ -15,6 +20,16 @@ namespace {
 
 // Sign of the format texts the list keeps.
 const int32_t SIGN_LOG_TEXT = 100;
+// A subscription whose format and file texts together reach this length is
+// shown as an empty item.
+const size_t UI_LIST_ITEM_LIMIT = 1500;
+// What each item adds to the size of the joined answer beyond its length.
+const int64_t I64_LIST_ITEM_SPARE = 100;
+
+const int32_t POINT_LIST_START = 20583;
+const int32_t POINT_LIST_ITEM_START = 21571;
+const int32_t POINT_LIST_ITEM_END = 21572;
+const int32_t POINT_LIST_END = 20552;
 
 const char* TextOf(const SafeString* p_text_av) {
   return p_text_av != nullptr && p_text_av->m_p_text != nullptr ? p_text_av->m_p_text : "";
@@ -27,6 +42,20 @@ TLogStatusElem* ElemAt(CLogStatusList* p_list_av, int32_t i_index_av) {
 // A site whose element goes away or off stops keeping its text at once.
 void SiteOff(TLogStatusElem* p_elem_av) {
   if (p_elem_av->site != nullptr) __atomic_store_n(&p_elem_av->site->m_i_on, 0, __ATOMIC_RELAXED);
+}
+
+// One item of the "query_log_status" answer. The texts are written as they
+// stand, unescaped, as the saved file has them too.
+std::string LogStatusListItem(const TLogStatusElem* p_elem_av) {
+  const char* s_file_lv = TextOf(&p_elem_av->file);
+  const char* s_log_lv = TextOf(&p_elem_av->log);
+  size_t ui_texts_lv = strlen(s_file_lv) + strlen(s_log_lv);
+  if (ui_texts_lv >= UI_LIST_ITEM_LIMIT) return std::string();
+  std::string s_item_lv(ui_texts_lv + 64, '\0');
+  int i_len_lv = snprintf(&s_item_lv[0], s_item_lv.size(), "{\"file\":\"%s\",\"line\":%d,\"log\":\"%s\",\"is_on\":%s}",
+                          s_file_lv, p_elem_av->line, s_log_lv, p_elem_av->is_on != 0 ? "true" : "false");
+  s_item_lv.resize(i_len_lv > 0 ? std::min(static_cast<size_t>(i_len_lv), s_item_lv.size() - 1) : 0);
+  return s_item_lv;
 }
 
 }  // namespace
@@ -113,6 +142,27 @@ void LogStatusOff(CLogStatusList* p_list_av, const SafeString* p_text_av) {
     }
   }
   LogStatusRecomputeAllOff(p_list_av);
+}
+
+void LogStatusList(SafeString* p_out_av, int32_t i_slot_av) {
+  CLogStatusList* p_list_lv = g_p_log_status_list;
+  if (p_out_av == nullptr || p_list_lv == nullptr) return;
+  std::vector<std::string> items_lv;
+  int64_t i64_total_lv = 0;
+  {
+    PlCritLock lock_lv(&p_list_lv->m_list.m_crit_sect);
+    StableMark(i_slot_av, POINT_LIST_START);
+    for (int32_t i_lv = 0; i_lv < p_list_lv->m_list.m_i_count; i_lv++) {
+      TLogStatusElem* p_elem_lv = ElemAt(p_list_lv, i_lv);
+      if (p_elem_lv == nullptr) continue;
+      StableMark(i_slot_av, POINT_LIST_ITEM_START);
+      items_lv.push_back(LogStatusListItem(p_elem_lv));
+      i64_total_lv += static_cast<int64_t>(items_lv.back().size()) + I64_LIST_ITEM_SPARE;
+      StableMark(i_slot_av, POINT_LIST_ITEM_END);
+    }
+    StableMark(i_slot_av, POINT_LIST_END);
+  }
+  LinesJoin(&items_lv, i64_total_lv, S_JOIN_HEAD, S_JOIN_TAIL, p_out_av);
 }
 
 void LogStatusRecomputeAllOff(CLogStatusList* p_list_av) {

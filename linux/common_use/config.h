@@ -1,7 +1,7 @@
 // Saved parameters: the list of log sites an operator has subscribed to.
 // The trace functions look a site up here (by the hash of its format text)
-// when the global site version has moved. The queries that change the list
-// and its file are added on top of this object.
+// when the global site version has moved. The queries that change and show
+// the list are here too; its file is added on top of this object.
 #pragma once
 
 #include <cstdint>
@@ -47,6 +47,9 @@ void LogStatusAdd(CLogStatusList* p_list_av, const SafeString* p_text_av);
 void LogStatusDelete(CLogStatusList* p_list_av, const SafeString* p_text_av);
 // Query "query_log_status_off": turns every subscription of the text off.
 void LogStatusOff(CLogStatusList* p_list_av, const SafeString* p_text_av);
+// Query "query_log_status": every subscription with the site it is bound to,
+// as a joined array in out; out stays as it was when the list is empty.
+void LogStatusList(SafeString* p_out_av, int32_t i_slot_av);
 // Sets m_b_all_off: 1 when no element is on.
 void LogStatusRecomputeAllOff(CLogStatusList* p_list_av);
 // The identity of a format text, for sites and elements alike.

@@ -1,7 +1,8 @@
 // Logging of the plug-in: binds the `log` library at start, keeps one cached
 // on/off flag per trace channel, and runs the two trace functions that every
 // call site uses. Beside writing, a call site that an operator subscribed to
-// keeps its last line and time for the "log_status" query. Called from every
+// keeps its last line and time for the "log_status" query; the join of the
+// lines of that answer serves every joined query answer. Called from every
 // unit; loaded and unloaded by the global start and stop.
 #include "linux/common_use/service/service2.h"
 
@@ -273,27 +274,6 @@ std::string LogStatusItem(const TLogStatusElem* p_elem_av) {
   return s_item_lv;
 }
 
-// Replaces out's block by "[\n" item ",\n" item ... "\n]".
-void LogStatusJoin(std::vector<std::string>* p_items_av, int64_t i64_total_av, SafeString* p_out_av) {
-  if (i64_total_av <= 0 || i64_total_av > 0x7FFFFFFF) return;
-  std::sort(p_items_av->begin(), p_items_av->end());
-  char* pb_lv = nullptr;
-  SAFE_MEM_ALLOCB5(pb_lv, static_cast<int32_t>(i64_total_av), SIGN_REPORT);
-  if (pb_lv == nullptr) return;
-  std::string s_lv = "[\n";
-  for (size_t i_lv = 0; i_lv < p_items_av->size(); i_lv++) {
-    if (i_lv > 0) s_lv += ",\n";
-    s_lv += (*p_items_av)[i_lv];
-  }
-  s_lv += "\n]";
-  size_t ui_len_lv = std::min(s_lv.size(), static_cast<size_t>(i64_total_av - 1));
-  memcpy(pb_lv, s_lv.data(), ui_len_lv);
-  pb_lv[ui_len_lv] = 0;
-  if (p_out_av->m_p_text != nullptr) SAFE_MEM_FREE(p_out_av->m_p_text);
-  p_out_av->m_p_text = pb_lv;
-  p_out_av->m_i_size = static_cast<int32_t>(i64_total_av);
-}
-
 }  // namespace
 
 // Runs at process exit too, when the memory checker may be gone already:
@@ -451,6 +431,29 @@ void LogSiteUpdate(TLog2, CLastLogStatus* p_site_av, const char* s_file_av, int3
   LogSiteKeepText(p_list_lv, p_site_av, s_text_av);
 }
 
+// One join for every query answer made of lines, so that they all sort and
+// frame their lines alike.
+void LinesJoin(std::vector<std::string>* p_items_av, int64_t i64_total_av, const char* s_head_av, const char* s_tail_av,
+               SafeString* p_out_av) {
+  if (i64_total_av <= 0 || i64_total_av > 0x7FFFFFFF) return;
+  std::sort(p_items_av->begin(), p_items_av->end());
+  char* pb_lv = nullptr;
+  SAFE_MEM_ALLOCB5(pb_lv, static_cast<int32_t>(i64_total_av), SIGN_REPORT);
+  if (pb_lv == nullptr) return;
+  std::string s_lv = s_head_av;
+  for (size_t i_lv = 0; i_lv < p_items_av->size(); i_lv++) {
+    if (i_lv > 0) s_lv += ",\n";
+    s_lv += (*p_items_av)[i_lv];
+  }
+  s_lv += s_tail_av;
+  size_t ui_len_lv = std::min(s_lv.size(), static_cast<size_t>(i64_total_av - 1));
+  memcpy(pb_lv, s_lv.data(), ui_len_lv);
+  pb_lv[ui_len_lv] = 0;
+  if (p_out_av->m_p_text != nullptr) SAFE_MEM_FREE(p_out_av->m_p_text);
+  p_out_av->m_p_text = pb_lv;
+  p_out_av->m_i_size = static_cast<int32_t>(i64_total_av);
+}
+
 void LogStatusReport(SafeString* p_out_av, int32_t i_slot_av) {
   CLogStatusList* p_list_lv = g_p_log_status_list;
   if (p_out_av == nullptr || p_list_lv == nullptr) return;
@@ -469,5 +472,5 @@ void LogStatusReport(SafeString* p_out_av, int32_t i_slot_av) {
     }
     StableMark(i_slot_av, POINT_REPORT_END);
   }
-  LogStatusJoin(&items_lv, i64_total_lv, p_out_av);
+  LinesJoin(&items_lv, i64_total_lv, S_JOIN_HEAD, S_JOIN_TAIL, p_out_av);
 }

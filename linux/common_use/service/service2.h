@@ -5,6 +5,8 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "host/include/log_api.h"
 
@@ -71,6 +73,15 @@ int LogChannelEnabled(TLog2 channel_av);
 // whose arguments cost work of their own (time texts) asks first.
 bool LogTraceWanted(TLog2 channel_av);
 void LogStatusReport(SafeString* p_out_av, int32_t i_slot_av);
+
+// The frame of the joined query answers.
+const char* const S_JOIN_HEAD = "[\n";
+const char* const S_JOIN_TAIL = "\n]";
+// Sorts the lines and makes out head, the lines with ",\n" between them, and
+// tail, in a block of the total size (cut there). A total of 0 or less
+// leaves out as it was.
+void LinesJoin(std::vector<std::string>* p_items_av, int64_t i64_total_av, const char* s_head_av, const char* s_tail_av,
+               SafeString* p_out_av);
 
 // The call forms of every trace line: each expansion owns its site record.
 #define TRACE44(channel, ...)                                                   \

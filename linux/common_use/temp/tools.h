@@ -34,6 +34,11 @@ class SafeString {
   int32_t m_i_size;
 };
 
+// The text, or "" for a string that holds none; for formatting and compares.
+inline const char* SafeStringText(const SafeString* p_str_av) {
+  return p_str_av->m_p_text != nullptr ? p_str_av->m_p_text : "";
+}
+
 void SafeStringAssign(SafeString* p_str_av, const char* s_src_av, int32_t i_signat_av);
 void SafeStringAppend(SafeString* p_str_av, const char* s_text_av, int32_t i_signat_av);
 void SafeStringDestroy(SafeString* p_str_av);

@@ -1,0 +1,226 @@
+// The query dispatch of the plug-in: reads the parameters of a query, picks
+// the query by its exact name and writes the answer. Called by the query
+// door of dll_exec (OnGetInfo_Causing1) and by the web-service methods. It
+// holds no lock of its own: each collector runs under the lock of the list
+// it walks, and lines are sorted and joined after the lock is left, so the
+// channels wait only for the building of the texts.
+#include "writer/writer_web_service.h"
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "linux/common_use/common_parser.h"
+#include "linux/common_use/config.h"
+#include "linux/common_use/diagnostic.h"
+#include "linux/common_use/service/Stable.h"
+#include "linux/common_use/service/service2.h"
+#include "linux/common_use/temp/tools.h"
+#include "writer/writer_atomic.h"
+#include "writer/writer_buffer.h"
+#include "writer/writer_events_registrator.h"
+#include "writer/writer_global.h"
+#include "writer/writer_inform.h"
+#include "writer/writer_web_service_help.h"
+
+namespace {
+
+const int32_t I_SIGN_ANSWER = 5101;
+const size_t UI_ANSWER_AREA = 2048;
+
+const int32_t POINT_HEAD_READ = 21091;
+const int32_t POINT_PARAMS_READ = 21092;
+const int32_t POINT_NAME_CHOSEN = 21093;
+const int32_t POINT_ANSWERED = 21095;
+
+const char* const S_ACCEPTED = "[\"Команда принята.\"]";
+const char* const S_UNKNOWN_QUERY = "{ \"error\":\"unknown query\" }";
+const char* const S_ERROR_HEAD = "{\"camera_read_error\":[\n";
+const char* const S_ERROR_TAIL = "\n]}";
+
+typedef void (*TQueryFn)(const TQueryParams* p_params_av, SafeString* p_out_av, int32_t i_slot_av);
+
+struct TQueryRow {
+  const char* m_s_name;
+  TQueryFn m_fn;
+};
+
+void Answer(SafeString* p_out_av, const char* s_text_av) { SafeStringAssign(p_out_av, s_text_av, I_SIGN_ANSWER); }
+
+void QueryVersion(const TQueryParams*, SafeString* p_out_av, int32_t) {
+  char s_lv[UI_ANSWER_AREA];
+  FormatStr(s_lv, sizeof(s_lv), "{\"version\":\"%d.%d.%d.%d\"}", 15, 11, 26, 0);
+  Answer(p_out_av, s_lv);
+}
+
+// A subscription to the empty text would keep nothing an operator could
+// use: a query without "value" changes nothing.
+bool HasValue(const TQueryParams* p_params_av, const char* s_query_av) {
+  if (SafeStringText(&p_params_av->m_s_value)[0] != 0) return true;
+  TRACE45(TLOG_ARC, TSEV_FAULT, "<query> %s without \"value\", nothing changed", s_query_av);
+  return false;
+}
+
+void QueryLogStatusAdd(const TQueryParams* p_params_av, SafeString*, int32_t) {
+  if (HasValue(p_params_av, "query_log_status_add")) LogStatusAdd(g_p_log_status_list, &p_params_av->m_s_value);
+}
+
+void QueryLogStatusDelete(const TQueryParams* p_params_av, SafeString*, int32_t) {
+  if (HasValue(p_params_av, "query_log_status_delete")) LogStatusDelete(g_p_log_status_list, &p_params_av->m_s_value);
+}
+
+void QueryLogStatusOff(const TQueryParams* p_params_av, SafeString*, int32_t) {
+  if (HasValue(p_params_av, "query_log_status_off")) LogStatusOff(g_p_log_status_list, &p_params_av->m_s_value);
+}
+
+void QueryLogStatus(const TQueryParams*, SafeString* p_out_av, int32_t i_slot_av) {
+  LogStatusReport(p_out_av, i_slot_av);
+}
+
+void QueryLogStatusList(const TQueryParams*, SafeString* p_out_av, int32_t i_slot_av) {
+  LogStatusList(p_out_av, i_slot_av);
+}
+
+void QueryGetStatus(const TQueryParams* p_params_av, SafeString* p_out_av, int32_t i_slot_av) {
+  CWriterGlobal* p_global_lv = g_p_writer_global;
+  if (p_global_lv == nullptr) return;
+  std::vector<std::string> lines_lv;
+  int64_t i64_total_lv = 0;
+  {
+    PlCritLock lock_lv(&p_global_lv->m_list_writers.m_crit_sect);
+    StatusFromInformCam(p_params_av->m_s_keys, SafeStringText(&p_params_av->m_s_view), &i64_total_lv, &lines_lv,
+                        i_slot_av);
+  }
+  LinesJoin(&lines_lv, i64_total_lv, S_JOIN_HEAD, S_JOIN_TAIL, p_out_av);
+}
+
+void QueryGetError(const TQueryParams*, SafeString* p_out_av, int32_t i_slot_av) {
+  CWriterGlobal* p_global_lv = g_p_writer_global;
+  if (p_global_lv == nullptr) return;
+  std::vector<std::string> lines_lv;
+  int64_t i64_total_lv = 0;
+  {
+    PlCritLock lock_lv(&p_global_lv->m_list_writers.m_crit_sect);
+    ErrorFromInformCam(&i64_total_lv, &lines_lv, i_slot_av);
+  }
+  LinesJoin(&lines_lv, i64_total_lv, S_ERROR_HEAD, S_ERROR_TAIL, p_out_av);
+}
+
+// The flag that a work mode's "value" names; null for any other value.
+int32_t* WorkModeFlag(CWriterGlobal* p_global_av, const char* s_value_av) {
+  if (strcmp(s_value_av, "150204") == 0) return &p_global_av->m_b_work_mode_150204;
+  if (strcmp(s_value_av, "150602") == 0) return &p_global_av->m_b_work_mode_150602;
+  if (strcmp(s_value_av, "150605") == 0) return &p_global_av->m_b_work_mode_150605;
+  if (strcmp(s_value_av, "150607") == 0) return &p_global_av->m_b_work_mode_150607;
+  return nullptr;
+}
+
+void WorkModeStore(const TQueryParams* p_params_av, SafeString* p_out_av, int32_t b_on_av) {
+  CWriterGlobal* p_global_lv = g_p_writer_global;
+  int32_t* p_flag_lv =
+      p_global_lv != nullptr ? WorkModeFlag(p_global_lv, SafeStringText(&p_params_av->m_s_value)) : nullptr;
+  if (p_flag_lv == nullptr) {
+    TRACE45(TLOG_ARC, TSEV_FAULT, "<query> work mode \"%s\" unknown, nothing changed",
+            SafeStringText(&p_params_av->m_s_value));
+    return;
+  }
+  AtomicPut(p_flag_lv, b_on_av);
+  Answer(p_out_av, S_ACCEPTED);
+}
+
+void QueryWorkModeSet(const TQueryParams* p_params_av, SafeString* p_out_av, int32_t) {
+  WorkModeStore(p_params_av, p_out_av, 1);
+}
+
+void QueryWorkModeReset(const TQueryParams* p_params_av, SafeString* p_out_av, int32_t) {
+  WorkModeStore(p_params_av, p_out_av, 0);
+}
+
+void QueryCommonStatus(const TQueryParams*, SafeString* p_out_av, int32_t) {
+  char s_lv[UI_ANSWER_AREA];
+  FormatStr(s_lv, sizeof(s_lv), "{\"buffs_used_mem\":%lld}", static_cast<long long>(BuffsUsedMemRead()));
+  Answer(p_out_av, s_lv);
+}
+
+void QueryTraffic(const TQueryParams*, SafeString* p_out_av, int32_t) {
+  CWriterGlobal* p_global_lv = g_p_writer_global;
+  if (p_global_lv != nullptr) SpeedTableQuery(&p_global_lv->m_speed_stat, p_out_av);
+}
+
+// Only the two scales the traffic table knows; any other text changes
+// nothing.
+void QueryTrafficParams(const TQueryParams* p_params_av, SafeString*, int32_t) {
+  CWriterGlobal* p_global_lv = g_p_writer_global;
+  const char* s_scale_lv = SafeStringText(&p_params_av->m_s_scale);
+  if (p_global_lv == nullptr) return;
+  if (strcmp(s_scale_lv, "10s") == 0)
+    SpeedSetPeriod(&p_global_lv->m_speed_stat, SPEED_PERIOD_10S);
+  else if (strcmp(s_scale_lv, "200ms") == 0)
+    SpeedSetPeriod(&p_global_lv->m_speed_stat, SPEED_PERIOD_200MS);
+  else
+    TRACE45(TLOG_ARC, TSEV_FAULT, "<query> traffic_params scale \"%s\" unknown, nothing changed", s_scale_lv);
+}
+
+// The registrator's cameras, under its own list lock; nothing when no event
+// ever came.
+void QueryEventsRegister(const TQueryParams* p_params_av, SafeString* p_out_av, int32_t i_slot_av) {
+  CWriterGlobal* p_global_lv = g_p_writer_global;
+  if (p_global_lv == nullptr) return;
+  std::vector<std::string> lines_lv;
+  int64_t i64_total_lv = 0;
+  EventsRegisterLines(&p_global_lv->m_events_registrator, p_params_av->m_s_keys, SafeStringText(&p_params_av->m_s_view),
+                      &i64_total_lv, &lines_lv, i_slot_av);
+  LinesJoin(&lines_lv, i64_total_lv, S_JOIN_HEAD, S_JOIN_TAIL, p_out_av);
+}
+
+// Matched before the help flag, so these answer even when it is set.
+const TQueryRow QUERIES_BEFORE_HELP[] = {{"vers", QueryVersion},
+                                         {"query_log_status_add", QueryLogStatusAdd},
+                                         {"query_log_status_delete", QueryLogStatusDelete},
+                                         {"query_log_status_off", QueryLogStatusOff},
+                                         {"log_status", QueryLogStatus},
+                                         {"query_log_status", QueryLogStatusList}};
+const TQueryRow QUERIES_AFTER_HELP[] = {
+    {"GetStatus", QueryGetStatus},          {"GetError", QueryGetError},
+    {"work_mode_set", QueryWorkModeSet},    {"work_mode_reset", QueryWorkModeReset},
+    {"common_status", QueryCommonStatus},   {"traffic", QueryTraffic},
+    {"traffic_params", QueryTrafficParams}, {"events_register", QueryEventsRegister}};
+
+// Runs the row of that name; false when the table has none.
+template <size_t N>
+bool RunRow(const TQueryRow (&rows_av)[N], const char* s_name_av, const TQueryParams* p_params_av, SafeString* p_out_av,
+            int32_t i_slot_av) {
+  for (const TQueryRow& row_lv : rows_av) {
+    if (strcmp(row_lv.m_s_name, s_name_av) != 0) continue;
+    row_lv.m_fn(p_params_av, p_out_av, i_slot_av);
+    return true;
+  }
+  return false;
+}
+
+bool AsksForHelp(const TQueryParams* p_params_av, const char* s_name_av) {
+  return strcmp(s_name_av, "help") == 0 || p_params_av->m_b_help != 0 || s_name_av[0] == 0;
+}
+
+}  // namespace
+
+void QueryExec(const char* s_method_av, const char* s_json_av, SafeString* p_out_av, int32_t i_slot_av) {
+  if (p_out_av == nullptr) return;
+  TQueryParams params_lv;
+  ParseQueryHead(s_json_av, &params_lv.m_s_query_id, &params_lv.m_s_view, &params_lv.m_b_help, &params_lv.m_b_hash,
+                 &params_lv.m_s_hash, &params_lv.m_s_univ_cmd);
+  StableMark(i_slot_av, POINT_HEAD_READ);
+  ParseQueryParams(s_json_av, &params_lv);
+  ParseQueryValues(s_json_av, &params_lv);
+  StableMark(i_slot_av, POINT_PARAMS_READ);
+  if (s_method_av != nullptr) SafeStringAssign(&params_lv.m_s_query_id, s_method_av, I_SIGN_ANSWER);
+  StableMark(i_slot_av, POINT_NAME_CHOSEN);
+  const char* s_name_lv = SafeStringText(&params_lv.m_s_query_id);
+  if (!RunRow(QUERIES_BEFORE_HELP, s_name_lv, &params_lv, p_out_av, i_slot_av)) {
+    if (AsksForHelp(&params_lv, s_name_lv))
+      Answer(p_out_av, S_QUERY_HELP);
+    else if (!RunRow(QUERIES_AFTER_HELP, s_name_lv, &params_lv, p_out_av, i_slot_av))
+      Answer(p_out_av, S_UNKNOWN_QUERY);
+  }
+  StableMark(i_slot_av, POINT_ANSWERED);
+}
