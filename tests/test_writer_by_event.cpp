@@ -110,6 +110,8 @@ TEST(SysInfo, EachPieceIsReadFromThirtyEightBytesFromItsComma) {
       {",event_stop_id=1,dur=" + d32 + ",", 1, 1, 1, 0, "", 15 * kSecond},
       {",event_stop_id=1,dur=0" + d32 + ",", 0, 1, 1, 0, "", 0},
       {",dur=99999999999999999999,event_stop_id=2,", 1, 1, 2, 0, "", INT64_MAX / kSecond * kSecond},
+      // A megabyte of text whose last piece runs into its end.
+      {",event_stop_id=3," + std::string(1 << 20, 'x') + ",guid=tail", 0, 1, 3, 0, "", 0},
   };
   for (const Case& c : cases) {
     TEventMsg msg = {};

@@ -180,6 +180,23 @@ TEST_F(WebServiceTest, LinesAreSortedByTheirTextAndFilteredByTheKeys) {
   EXPECT_EQ("", Ask(R"({"query_id":"GetStatus","object_id":{"key4":"nobody"}})"));
 }
 
+// Whatever an operator's tool sends, the answer is bounded and nothing is
+// read or written outside its place (run under the address sanitizer).
+TEST_F(WebServiceTest, HostileQueriesAndOverlongKeysAnswerWithinBounds) {
+  std::string deep(3000, '[');
+  EXPECT_EQ(0u, Ask(deep.c_str()).find(kHelpHead));
+  std::string huge = R"({"query_id":")" + std::string(1 << 20, 'q') + R"("})";
+  EXPECT_EQ("{ \"error\":\"unknown query\" }", Ask(huge.c_str()));
+  EXPECT_EQ("", Ask(R"({"query_id":"work_mode_set","value":"%s%n%s%n"})"));
+  std::string key(5000, 'k');
+  Open(key, "B", "C");
+  for (const char* view : {"", "by_events", "buffer_fill", "buffer_fill_over_0"}) {
+    std::string q = std::string(R"({"query_id":"GetStatus","view":")") + view + "\"}";
+    EXPECT_LT(Ask(q.c_str()).size(), 20000u) << view;
+  }
+  EXPECT_LT(Ask(R"({"query_id":"GetError"})").size(), 10000u);
+}
+
 TEST_F(WebServiceTest, WithNoChannelTheAnswerStaysAsItCameIn) {
   CListOurRemove(&g_p_writer_global->m_list_writers, m_w);
   AtomicPut(&g_p_writer_global->m_b_work_mode_150204, 1);
