@@ -310,4 +310,28 @@ TEST_F(ServerTest, EventScriptOpensAndClosesRecordingOfAnEventCamera) {
   EXPECT_LT(stored, 40u) << c.out;
 }
 
+// A camera whose "_schedule" is open at every hour records; one whose plan
+// has no hour at all records nothing, though its source sends (once its 5 s
+// wait for a request that never comes is over).
+TEST_F(ServerTest, ScheduledCamerasRecordOnlyInsideTheirPlan) {
+  auto plan = [](const std::string& day) {
+    std::string usual;
+    for (const char* d : {"monday", "tuesday", "wednesday", "thursday", "friday", "saturday", "sunday"})
+      usual += std::string(usual.empty() ? "" : ",") + "\"" + d + "\":" + day;
+    return R"(,"_schedule":{"usual":{)" + usual + R"(},"holidays":)" + day + R"(,"working_weekends":)" + day + "}";
+  };
+  std::string source = R"({"type":"synthetic","fps":25,"key_interval_ms":200,"audio":false})";
+  std::string open = Camera("open", source, plan(R"([{"begin":" 0 : 00 ","end":" 24 : 00 "}])"));
+  std::string closed = Camera("closed", source, plan("[]"));
+  std::string cams =
+      Write("cams.json", "{\"cameras\":[" + open + R"(,{"must_record":false,)" + closed.substr(1) + "]}");
+  Child c = Run({"--cameras", cams, "--duration", "7"});
+  ASSERT_TRUE(c.Exited(0)) << c.out << c.err;
+  EXPECT_GT(Stored("A_open_C", "video").size(), 20u) << c.out;
+  EXPECT_EQ(0u, Stored("A_closed_C", "video").size()) << c.out;
+  size_t at = c.out.find("camera closed");
+  ASSERT_NE(std::string::npos, at) << c.out;
+  EXPECT_GT(Figure(c.out.substr(at), "  sent     "), 0) << c.out;
+}
+
 }  // namespace

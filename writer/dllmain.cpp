@@ -3,6 +3,7 @@
 // drive and take down one camera's pair of channels.
 #include <cstring>
 
+#include "Schedule/TaskManager.h"
 #include "host/include/core_api.h"
 #include "linux/common_use/config.h"
 #include "linux/common_use/core_bus.h"
@@ -73,7 +74,10 @@ WRITER_EXPORT int32_t dll_init(void) {
   int32_t i_rv_lv = GlobalInit();
   if (i_rv_lv == 0) {
     TRACE44(TLOG_ARC, "<root>writer: dll_init end ");
-    // The schedule engine starts here, last of all.
+    // The schedule engine starts last of all: its first evaluation may
+    // already post on the bus.
+    if (kelmar_schedule::g_p_task_manager == nullptr)
+      kelmar_schedule::g_p_task_manager = new kelmar_schedule::TaskManager();
     return 0;
   }
   if (i_rv_lv == -1) g_b_init_failed = 1;
@@ -81,7 +85,11 @@ WRITER_EXPORT int32_t dll_init(void) {
 }
 
 WRITER_EXPORT int32_t dll_free(void) {
-  // The schedule engine stops here, ahead of everything else.
+  // The schedule engine stops ahead of everything else, while the logger
+  // and the monitor that its thread uses are still there.
+  kelmar_schedule::TaskManager* p_engine_lv = kelmar_schedule::g_p_task_manager;
+  kelmar_schedule::g_p_task_manager = nullptr;
+  delete p_engine_lv;
   TRACE44(TLOG_ARC, "<root>writer: dll_free start ");
   GlobalDeinit();
   LanguageDeinit();

@@ -6,6 +6,7 @@
 
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"
+#include "writer/writer_atomic.h"
 #include "writer/writer_main.h"
 #include "writer/writer_stability.h"
 
@@ -210,7 +211,8 @@ void OpenTrack(CWriter* p_writer_av, const SafeString* p_common_keys_av, const S
   p_writer_av->m_h_track_frames =
       profile_open(media_lv.m_p_text != nullptr ? media_lv.m_p_text : "", &frames_lv, __FILE__, __LINE__);
   ProfileCallback status_cb_lv = {p_writer_av, reinterpret_cast<void*>(&on_data2)};
-  p_writer_av->m_h_track_status = profile_open(s_status_lv, &status_cb_lv, __FILE__, __LINE__);
+  // Stored whole: the schedule engine's thread reads it to ask for frames.
+  AtomicPut(&p_writer_av->m_h_track_status, profile_open(s_status_lv, &status_cb_lv, __FILE__, __LINE__));
   TRACE44(TLOG_ARC, "<sched2%lld> open track cm=%pp,%s\n",
           static_cast<long long>(p_writer_av->m_camera_info_w->m_i64_id3),
           reinterpret_cast<void*>(static_cast<uintptr_t>(p_writer_av->m_h_track_status)), s_status_lv);

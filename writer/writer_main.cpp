@@ -46,10 +46,11 @@ void ArchiveSet(int32_t i_code_av, int64_t i64_id_av, int64_t i64_value_av) {
   if (g_archive.SetParamsByType != nullptr) g_archive.SetParamsByType(i_code_av, i64_id_av, i64_value_av);
 }
 
+// The handle is taken out whole before the close: the schedule engine's
+// thread may read the status track's handle at any time to ask for frames.
 void CloseTrack(TrackHandle* p_h_av) {
-  if (*p_h_av == 0) return;
-  profile_close(*p_h_av);
-  *p_h_av = 0;
+  TrackHandle h_lv = __atomic_exchange_n(p_h_av, 0, __ATOMIC_ACQ_REL);
+  if (h_lv != 0) profile_close(h_lv);
 }
 
 // The camera ids from the arc keys, with their trace lines.
@@ -347,7 +348,7 @@ void WriterCloseTracks(CWriter* p_av) {
 void WriterAskFrames(CWriter* p_av) {
   ProfileParam get_lv[] = {{PP_LIST, "get", nullptr}, {PP_END, nullptr, nullptr}};
   ProfileParam frame_lv[] = {{PP_LIST, "frame", get_lv}, {PP_END, nullptr, nullptr}};
-  BusData(p_av->m_h_track_status, frame_lv);
+  BusData(AtomicGet(&p_av->m_h_track_status), frame_lv);
 }
 
 void WriterStart(CWriter* p_av) {
@@ -356,7 +357,13 @@ void WriterStart(CWriter* p_av) {
   TRACE44(TLOG_ARC_TRACEDECIM, "<%lld_by_ev>writer start aud", i64_id3_lv);
   InitEventStatus(&p_av->m_by_event);
   ArchiveSet(Code(p_av, I_CODE_START_VIDEO, I_CODE_START_AUDIO), i64_id3_lv, 1);
-  if (p_av->m_p_schedule != nullptr && p_av->m_p_schedule->m_b_is_shedule_present != 0) return;
+  // A camera with a plan is asked for frames by its schedule, when a plan
+  // hour begins. A plan that was already open when the channel opened told
+  // it before the status track existed, so that request was lost: ask here.
+  const WriterSchedule* p_sched_lv = p_av->m_p_schedule;
+  if (p_sched_lv != nullptr && AtomicGet(&p_sched_lv->m_b_is_shedule_present) != 0 &&
+      AtomicGet(&p_sched_lv->m_b_state) == 0)
+    return;
   TRACE44(TLOG_ARC_TRACE, "<%lld>writer: plugin exec start, get", i64_id3_lv);
   WriterAskFrames(p_av);
   p_av->m_status.m_i64_start_time = static_cast<int64_t>(FileTimeNowLocal());
