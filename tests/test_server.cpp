@@ -310,6 +310,38 @@ TEST_F(ServerTest, EventScriptOpensAndClosesRecordingOfAnEventCamera) {
   EXPECT_LT(stored, 40u) << c.out;
 }
 
+// A camera with a pre-event time keeps its recent frames in memory: the
+// event at 3 s brings them to the archive from a key frame at least 2 s
+// before it, two for every new one until it has caught up with live, each
+// once and in order.
+TEST_F(ServerTest, PreEventTimeBringsTheSecondsBeforeAnEventIntoTheArchive) {
+  std::string cams = Write(
+      "cams.json",
+      "{\"cameras\":[" +
+          Camera("gate", R"({"type":"synthetic","fps":25,"key_interval_ms":400,"frame_bytes":60000,"audio":false})",
+                 R"(,"by_events":{"_value":true},"events":{"_value":"20001"},"prev_write":{"_value":2})") +
+          R"(],"events":[{"at":3,"camera":"gate","event":20001,"action":"start"},)"
+          R"({"at":4,"camera":"gate","event":20001,"action":"stop"}]})");
+  Child c = Run({"--cameras", cams, "--duration", "5.5"});
+  ASSERT_TRUE(c.Exited(0)) << c.out << c.err;
+  std::vector<bool> keys;
+  std::vector<std::string> frames = Stored("A_gate_C", "video", &keys);
+  ASSERT_GT(frames.size(), 25u) << c.out;
+  // A synthetic frame carries its number, its time in 25ths of a second.
+  std::vector<uint32_t> numbers;
+  for (const std::string& f : frames) {
+    uint32_t n = 0;
+    memcpy(&n, f.data() + 8, 4);
+    numbers.push_back(n);
+  }
+  EXPECT_TRUE(keys[0]);
+  EXPECT_EQ(0u, numbers[0] % 10);
+  EXPECT_LE(numbers[0], 30u) << "at least two seconds before the start at 3 s";
+  // Output, once begun, runs on past the stop until it has caught up.
+  EXPECT_GT(numbers.back(), 120u) << "past the stop at 4 s";
+  for (size_t i = 1; i < numbers.size(); i++) ASSERT_EQ(numbers[i - 1] + 1, numbers[i]) << "frame " << i;
+}
+
 // A camera whose "_schedule" is open at every hour records; one whose plan
 // has no hour at all records nothing, though its source sends (once its 5 s
 // wait for a request that never comes is over).

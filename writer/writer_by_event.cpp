@@ -19,6 +19,7 @@
 #include "writer/writer_forced.h"
 #include "writer/writer_global.h"
 #include "writer/writer_main.h"
+#include "writer/writer_prev_write.h"
 #include "writer/writer_stability.h"
 
 namespace {
@@ -27,6 +28,7 @@ const int32_t I_SIGN_EVENT_GUID = 4102;
 const int32_t I_SIGN_EVENT_LIST = 4103;
 const int32_t I_SIGN_EVENT_JSON = 4104;
 const int32_t I_SIGN_EVENT_KEY = 4105;
+const int32_t I_SIGN_PREV_WRITE = 4106;
 
 // Counters may be driven by any number of events: they wrap, never trap.
 void Add32(int32_t* p_av, int32_t i_delta_av) {
@@ -48,6 +50,9 @@ CWriterByEvent::CWriterByEvent()
       m_i64_last_dur_check(0) {}
 
 CWriterByEvent::~CWriterByEvent() {
+  // The channel's teardown frees the ring earlier; this only keeps a
+  // stray one from outliving its state.
+  PrevWriteFree(this);
   EventListClear(&m_list_events);
   for (int i_lv = 0; i_lv < 5; i_lv++) SafeStringDestroy(&key[i_lv]);
 }
@@ -584,6 +589,28 @@ int32_t NeedWrite(CWriterByEvent* p_av, int32_t i_slot_av) {
           i64_cam_lv, b_result_lv, b_by_event_lv, AtomicGet(&p_av->m_b_event_accepted), b_state_lv, b_present_lv);
   return b_result_lv;
 }
+
+int32_t PrevWriteCondish(CWriterByEvent* p_av) {
+  CWriter* p_writer_lv = p_av->m_p_writer;
+  if (p_writer_lv == nullptr || NeedWriteCommonCondish(p_writer_lv) != 1 || !ByEvents(p_av)) return 0;
+  return DetectCondish_Vart2(p_av) == 1 ? 1 : 0;
+}
+
+// While an event is on with the ring empty, frames bypass the ring; and
+// the ring only ever starts at a key frame a player can begin with, so
+// frames before the first one go direct.
+int32_t CheckDirectWrite(CWriterByEvent* p_av, uint8_t ui_type_av) {
+  if (p_av->m_p_prev_write == nullptr)
+    p_av->m_p_prev_write = SafeNew<CPrevWrite>(I_SIGN_PREV_WRITE, p_av->m_p_writer, static_cast<int64_t>(CamId(p_av)));
+  CPrevWrite* p_ring_lv = p_av->m_p_prev_write;
+  // Without memory for the ring nothing is held back.
+  if (p_ring_lv == nullptr) return 1;
+  if (PrevWriteCondish(p_av) == 1 && p_ring_lv->m_p_buffs[0] == nullptr) return 1;
+  if (p_ring_lv->m_b_first_key_seen == 0) p_ring_lv->m_b_first_key_seen = PrevIsUsableKey(p_ring_lv, ui_type_av);
+  return p_ring_lv->m_b_first_key_seen == 0 ? 1 : 0;
+}
+
+void PrevWriteFree(CWriterByEvent* p_av) { SafeDelete(p_av->m_p_prev_write); }
 
 // ---------------------------------------------------------------------------
 // For the status report

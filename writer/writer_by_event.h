@@ -12,6 +12,7 @@
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_sync.h"
 
+class CPrevWrite;
 class CWriter;
 
 // The pseudo event of forced recording and its stop partner.
@@ -42,7 +43,7 @@ class CWriterByEvent {
   int64_t m_i64_last_reset;
   int32_t m_b_event_accepted;
   CWriter* m_p_writer;
-  void* m_p_prev_write;  // the pre-event ring, made on first need
+  CPrevWrite* m_p_prev_write;  // the pre-event ring, made on first need; buffering thread only
   TrackHandle m_h_track_event;
   CListOur m_list_events;  // TEventElem*
   SafeString key[5];
@@ -119,6 +120,15 @@ int32_t DetectCondish_Vart2(CWriterByEvent* p_av);
 int32_t NeedWriteCommonCondish(CWriter* p_writer_av);
 // Whether the camera records the frame that arrives now; frame path.
 int32_t NeedWrite(CWriterByEvent* p_av, int32_t i_slot_av);
+// The event condition of the pre-event ring: the common condition holds,
+// the channel records by events, and an event or its post time runs.
+int32_t PrevWriteCondish(CWriterByEvent* p_av);
+// 1 when the frame of this type goes direct to the archive, 0 when it goes
+// to the pre-event ring, which is made here on first need. Buffering thread.
+int32_t CheckDirectWrite(CWriterByEvent* p_av, uint8_t ui_type_av);
+// Frees the pre-event ring with all it holds; the channel's teardown, once
+// the buffering thread has ended.
+void PrevWriteFree(CWriterByEvent* p_av);
 // Ends forced recording whose time ran out; run from NeedWrite.
 void CheckForcedDuration(CWriterByEvent* p_av, int32_t i_slot_av);
 // m_i_counter of the first forced element, else 0; for the status report.

@@ -254,6 +254,12 @@ CWriter::CWriter()
 CWriter::~CWriter() {
   SafeDelete(m_p_schedule);
   TRACE44(TLOG_ARC_TRACE, "<buff>close start");
+  // The pre-event ring lives on the buffering thread, which may still be
+  // draining the last frames: that thread ends before the ring goes.
+  if (m_camera_info_w != nullptr && m_camera_info_w->m_p_write_buffering != nullptr &&
+      (AtomicGet(&m_by_event.prev_write) > 0 || m_by_event.m_p_prev_write != nullptr))
+    ExitThreadWriteBuffering(m_camera_info_w->m_p_write_buffering);
+  PrevWriteFree(&m_by_event);
   SafeDelete(m_camera_info_w);
   if (m_p_frame_stat != nullptr) WaitStatDestroy(m_p_frame_stat);
   SAFE_MEM_FREE(m_p_frame_stat);

@@ -16,6 +16,7 @@
 #include "writer/writer_global.h"
 #include "writer/writer_intake.h"
 #include "writer/writer_main.h"
+#include "writer/writer_prev_write.h"
 
 namespace {
 
@@ -283,10 +284,17 @@ void CheckWriteSession(TCameraInfoW* p_av, TWaitStat* p_wd_av) {
   Mark(p_wd_av, WAIT_GROUP_SESSION, 20163, 0);
 }
 
-// Frames of a channel that records by events with a pre-event time will go
-// through the pre-event ring once it exists; until then they go direct.
+// A channel that records by events with a pre-event time keeps its frames
+// in the pre-event ring, which writes them itself when an event comes; the
+// ring's write results do not come back here.
 int32_t WriteFrame(TCameraInfoW* p_av, const uint8_t* pb_data_av, uint32_t ui_size_av, uint8_t ui_type_av,
                    int64_t i64_time_av, TWaitStat* p_wd_av) {
+  CWriterByEvent* p_event_lv = &p_av->m_p_writer->m_by_event;
+  if (AtomicGet(&p_event_lv->prev_write) > 0 && AtomicGet(&p_av->m_b_write_by_event) != 0 &&
+      CheckDirectWrite(p_event_lv, ui_type_av) == 0) {
+    WritePrevFrame(p_event_lv->m_p_prev_write, pb_data_av, ui_size_av, ui_type_av, i64_time_av, p_wd_av);
+    return RC_OK;
+  }
   TRACE44(TLOG_ARC_TRACE, "<prevWrG%lld> direct write ", static_cast<long long>(InfoCamId(p_av)));
   return WriteDataDirect(p_av, pb_data_av, ui_size_av, ui_type_av, i64_time_av, p_wd_av);
 }
