@@ -242,6 +242,9 @@ TEST_F(ByEventTest, ForcedElementIsAFlagWhoseLimitEachStartReplacesOrRemoves) {
   EXPECT_EQ(Now() + 60 * kSecond, Mine(60030)->dur_mark);
   Post(60030, ",event_stop_id=60031,");
   EXPECT_EQ(0, Mine(60030)->dur_pres + Mine(60030)->dur_mark);
+  // A duration past the clock's range ends at its far end, not in the past.
+  Post(60030, ",event_stop_id=60031,dur=922337203685,");
+  EXPECT_EQ(INT64_MAX, Mine(60030)->dur_mark);
   Post(60031, ",event_start_id=60030");
   Post(60031, ",event_start_id=60030");
   EXPECT_EQ(0, ForcedEventCounter(m_e));

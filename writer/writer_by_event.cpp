@@ -34,6 +34,14 @@ const int32_t I_SIGN_PREV_WRITE = 4106;
 void Add32(int32_t* p_av, int32_t i_delta_av) {
   *p_av = static_cast<int32_t>(static_cast<uint32_t>(*p_av) + static_cast<uint32_t>(i_delta_av));
 }
+
+// The end of a limit: a duration that would run past the clock's range
+// ends at its far end instead of wrapping into the past.
+int64_t MarkAfter(int64_t i64_now_av, int64_t i64_dur_av) {
+  if (i64_dur_av > 0 && i64_now_av > INT64_MAX - i64_dur_av) return INT64_MAX;
+  return i64_now_av + i64_dur_av;
+}
+
 }  // namespace
 
 CWriterByEvent::CWriterByEvent()
@@ -280,7 +288,7 @@ void CorrectStart(long long i64_cam_av, int32_t i_index_av, TEventElem* p_elem_a
       Add32(p_on_av, 1);
     }
     p_elem_av->dur_pres = b_dur_pres_av != 0 ? 1 : 0;
-    p_elem_av->dur_mark = b_dur_pres_av != 0 ? NowLocal() + i64_dur_av : 0;
+    p_elem_av->dur_mark = b_dur_pres_av != 0 ? MarkAfter(NowLocal(), i64_dur_av) : 0;
   } else {
     Add32(p_on_av, 1);
     Add32(&p_elem_av->m_i_counter, 1);
