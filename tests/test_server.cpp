@@ -207,6 +207,7 @@ TEST_F(ServerTest, CleanRunOfTheDefaultCameraEndsWithNoReport) {
   ASSERT_TRUE(c.Exited(0)) << c.out << c.err;
   EXPECT_NE(std::string::npos, c.out.find("[  1.0 s] cameras 1  sent ")) << c.out;
   EXPECT_TRUE(std::regex_search(c.out, std::regex("passes 0  buffers [0-9]+\\.[0-9] MB\n"))) << "asked of the plug-in";
+  EXPECT_NE(std::string::npos, c.out.find("web method writer GetError: plugin_methods_writer")) << c.out;
   EXPECT_NE(std::string::npos, c.out.find("result   OK"));
   EXPECT_GT(Figure(c.out, "host     "), 0) << "the calendar was asked for and answered";
   for (const char* report : {"Sanitizer", "runtime error", "leak"}) EXPECT_EQ(std::string::npos, c.err.find(report)) << c.err;
@@ -364,6 +365,31 @@ TEST_F(ServerTest, ScheduledCamerasRecordOnlyInsideTheirPlan) {
   size_t at = c.out.find("camera closed");
   ASSERT_NE(std::string::npos, at) << c.out;
   EXPECT_GT(Figure(c.out.substr(at), "  sent     "), 0) << c.out;
+}
+
+// An outside client's "start_recording" makes a by-events camera with no
+// event types of its own record from the command on; a command for an id
+// the host does not know is refused.
+TEST_F(ServerTest, ForcedCommandOfAnApiClientRecordsAnEventCameraFromTheCommandOn) {
+  std::string cams =
+      Write("cams.json", "{\"cameras\":[" +
+                             Camera("door", R"({"type":"synthetic","fps":25,"key_interval_ms":200,"audio":false})",
+                                    R"(,"by_events":{"_value":true},"events":{"_value":""})") +
+                             R"(],"events":[{"at":1.0,"camera":"door","action":"start_recording","duration":5},)"
+                             R"({"at":1.2,"id":"nobody","action":"start_recording"}]})");
+  Child c = Run({"--cameras", cams, "--duration", "2.5"});
+  ASSERT_TRUE(c.Exited(0)) << c.out << c.err;
+  EXPECT_EQ(1, Count(c.out, "api: answer <result cause=\"0\"></result>")) << c.out;
+  EXPECT_EQ(1, Count(c.out,
+                     "api: answer <result cause=\"4\"><params><param name=\"descr\" value=\"not_available\"/>"
+                     "</params></result>"))
+      << c.out;
+  std::vector<std::string> frames = Stored("A_door_C", "video");
+  ASSERT_GT(frames.size(), 10u) << c.out;
+  // A synthetic frame carries its number, its time in 25ths of a second.
+  uint32_t first = 0;
+  memcpy(&first, frames[0].data() + 8, 4);
+  EXPECT_GE(first, 20u) << "nothing from before the command at 1 s";
 }
 
 }  // namespace

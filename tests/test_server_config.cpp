@@ -89,8 +89,21 @@ TEST(ServerConfig, BadCameraFilesAreRefusedWithAMessageNamingTheFault) {
       {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"at":1,"camera":"b","event":5,"action":"start"}]})",
        "no camera named 'b'"},
       {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"at":1,"camera":"a","event":5,"action":"pause"}]})",
-       "\"action\" is start or stop"},
+       "\"action\" is start, stop, start_recording or stop_recording"},
       {"{\"cameras\":[" + Camera("a") + R"(],"holidays":"january_1"})", "\"holidays\" is not a list"},
+      {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"at":1,"action":"start_recording"}]})",
+       "needs \"camera\" or \"id\""},
+      {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"at":1,"camera":"z","action":"stop_recording"}]})",
+       "no camera named 'z'"},
+      {"{\"cameras\":[" + Camera("a") +
+           R"(],"events":[{"at":1,"camera":"a","action":"start_recording",)"
+           R"("duration":-5}]})",
+       "whole seconds"},
+      {"{\"cameras\":[" + Camera("a") +
+           R"(],"events":[{"at":1,"camera":"a","action":"start_recording",)"
+           R"("duration":"5"}]})",
+       "whole seconds"},
+      {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"camera":"a","action":"start_recording"}]})", "needs \"at\""},
   };
   for (const Case& c : cases) {
     SrvSettings s;
@@ -225,6 +238,42 @@ TEST(ServerConfig, SyntheticCameraIsDeterministicAndInterleavedByTime) {
   EXPECT_EQ(0x55, SrvALaw(-8));
   EXPECT_EQ(0xAA, SrvALaw(32767));
   EXPECT_EQ(0x2A, SrvALaw(-32768));
+}
+
+// The script's forced commands read as an API client's: the camera's id (or
+// an id as written), the method, and a timed start's seconds as the name of
+// a value-less element.
+void OnCommand(void* user, ProfileParam* p) {
+  std::string line;
+  for (; p->type != PP_END; p++) {
+    if (strcmp(p->name, "method") == 0) line += static_cast<const char*>(p->value);
+    if (strcmp(p->name, "args") != 0) continue;
+    for (ProfileParam* a = static_cast<ProfileParam*>(p->value); a->type != PP_END; a++)
+      line += std::string(" ") + a->name +
+              (a->value != nullptr ? "=" + std::string(static_cast<const char*>(a->value)) : "");
+  }
+  static_cast<std::vector<std::string>*>(user)->push_back(line);
+}
+
+TEST(ServerConfig, ForcedCommandsOfTheScriptGoOutAsAnApiClientSendsThem) {
+  std::string text = "{\"cameras\":[" + Camera("door", R"("id":"door-1",)") +
+                     R"(],"events":[{"at":1.0,"camera":"door","action":"start_recording","duration":5},)"
+                     R"({"at":3.0,"camera":"door","action":"stop_recording"},)"
+                     R"({"at":4,"id":"nobody","action":"start_recording"}]})";
+  SrvSettings s;
+  std::string error;
+  ASSERT_TRUE(Parse(text, &s, &error)) << error;
+  ASSERT_EQ(3u, s.m_events.size());
+  std::vector<std::string> heard;
+  ProfileCallback cb = {&heard, reinterpret_cast<void*>(&OnCommand)};
+  TrackHandle rx = profile_open("track_vp-api", &cb, __FILE__, __LINE__);
+  TrackHandle tx = profile_open("track_vp-api", nullptr, __FILE__, __LINE__);
+  for (const SrvEventStep& step : s.m_events) SrvPostForced(tx, step);
+  profile_close(tx);
+  profile_close(rx);
+  EXPECT_EQ((std::vector<std::string>{"start_recording id=door-1 5", "stop_recording id=door-1",
+                                      "start_recording id=nobody"}),
+            heard);
 }
 
 }  // namespace

@@ -331,6 +331,169 @@ TEST_F(WebServiceTest, EventsRegisterAnswersNothingUntilAnEventAndThenTheOpenOne
   EXPECT_EQ("", Ask(R"({"query_id":"events_register","key2":"gate"})"));
 }
 
+// Every message a holder of a track heard, as name=value texts; a pointer
+// of type 3 is shown by its address.
+struct Messages {
+  std::vector<std::vector<std::string>> all;
+  static void On(void* user, ProfileParam* p) {
+    std::vector<std::string> msg;
+    for (const ProfileParam* e = p; e != nullptr && e->type != PP_END; e++) {
+      std::string value = e->type == PP_STRING && e->value != nullptr
+                              ? static_cast<const char*>(e->value)
+                              : std::to_string(reinterpret_cast<uintptr_t>(e->value));
+      msg.push_back(std::string(e->name != nullptr ? e->name : "") + "=" + value);
+    }
+    static_cast<Messages*>(user)->all.push_back(msg);
+  }
+};
+
+// The host's web front: holds both tracks and hears what the plug-in sends.
+class WebFrontTest : public WebServiceTest {
+ protected:
+  void SetUp() override {
+    WebServiceTest::SetUp();
+    ProfileCallback list_cb = {&m_list, reinterpret_cast<void*>(&Messages::On)};
+    ProfileCallback methods_cb = {&m_answers, reinterpret_cast<void*>(&Messages::On)};
+    m_h_list = profile_open("trackWsListMethods", &list_cb, __FILE__, __LINE__);
+    m_h_methods = profile_open("plugin_methods_writer", &methods_cb, __FILE__, __LINE__);
+  }
+  void TearDown() override {
+    profile_close(m_h_list);
+    profile_close(m_h_methods);
+    WebServiceTest::TearDown();
+  }
+  void Request(const char* cmd) {
+    ProfileParam p[] = {{PP_STRING, "cmd", const_cast<char*>(cmd)}, {PP_END, nullptr, nullptr}};
+    profile_data(m_h_list, p, 0);
+  }
+  // A "call" as the front makes it; a null method or params is left out.
+  void Call(const char* method, const char* params = nullptr, int32_t* alive = nullptr) {
+    std::vector<ProfileParam> p = {{PP_STRING, "cmd", const_cast<char*>("call")},
+                                   {PP_OBJECT, "owner_data", &m_owner},
+                                   {PP_INT32, "check_alive", alive != nullptr ? alive : &m_alive}};
+    if (method != nullptr) p.push_back({PP_STRING, "method", const_cast<char*>(method)});
+    if (params != nullptr) p.push_back({PP_STRING, "params", const_cast<char*>(params)});
+    p.push_back({PP_END, nullptr, nullptr});
+    profile_data(m_h_methods, p.data(), 0);
+  }
+  std::vector<std::string> Result(const std::string& json) {
+    return {"cmd=result", "json=" + json, "owner_data=" + std::to_string(reinterpret_cast<uintptr_t>(&m_owner))};
+  }
+
+  Messages m_list, m_answers;
+  TrackHandle m_h_list = 0, m_h_methods = 0;
+  int m_owner = 0;
+  int32_t m_alive = 0;
+};
+
+TEST_F(WebFrontTest, ARequestGetsTheFourRegistrationsInOrderEveryTime) {
+  const std::string params =
+      R"(method_params=[{"name": "key1", "value": ""}, {"name": "key2", "value": ""}, {"name": "key3", "value": ""}, )"
+      R"({"name": "key4", "value": ""}, {"name": "view", "value": ""}])";
+  Request("register");  // the front's own word: not asked
+  EXPECT_TRUE(m_list.all.empty());
+  Request("request");
+  ASSERT_EQ(4u, m_list.all.size());
+  const std::vector<std::string> head = {"cmd=register", "plugin_name=writer"};
+  EXPECT_EQ((std::vector<std::string>{
+                "cmd=register", "plugin_name=writer", "method_name=vers", "in_track=plugin_methods_writer",
+                "method_help={\"help\":\"измения в версиях:\n\"140212 - запрос get_status;\n\" \n\"}"}),
+            m_list.all[0]);
+  ASSERT_EQ(6u, m_list.all[1].size());
+  EXPECT_EQ((std::vector<std::string>{"cmd=register", "plugin_name=writer", "method_name=GetStatus", params}),
+            std::vector<std::string>(m_list.all[1].begin(), m_list.all[1].begin() + 4));
+  EXPECT_EQ(0u, m_list.all[1][4].find("method_help={\"help\":\"Состояние процесса записи.Поля результата:\n"));
+  for (const char* field : {"buff1_size", "need_write", "buffer_fill_over_30", "object_id"})
+    EXPECT_NE(std::string::npos, m_list.all[1][4].find(field)) << field;
+  EXPECT_EQ("in_track=plugin_methods_writer", m_list.all[1][5]);
+  ASSERT_EQ(6u, m_list.all[2].size());
+  EXPECT_EQ("method_name=events_register", m_list.all[2][2]);
+  EXPECT_EQ(params, m_list.all[2][3]);
+  EXPECT_EQ(0u, m_list.all[2][4].find("method_help={\"help\":\"Состояние процесса записи.Поля результата:\n"));
+  EXPECT_EQ(std::string::npos, m_list.all[2][4].find("buff1_size"));
+  EXPECT_EQ((std::vector<std::string>{"cmd=register", "plugin_name=writer", "method_name=GetError",
+                                      "method_help={\"help\":\"Состояние процесса записи.Результат - строка json с "
+                                      "перечнем ошибок\n\"}",
+                                      "in_track=plugin_methods_writer"}),
+            m_list.all[3]);
+  Request("request");
+  EXPECT_EQ(8u, m_list.all.size());
+  on_plugin_result(g_p_writer_global->m_p_web_service, nullptr);  // logged only
+  EXPECT_EQ(8u, m_list.all.size());
+}
+
+TEST_F(WebFrontTest, ACallIsAnsweredThroughTheQueryDispatchBeforeItReturns) {
+  m_alive = 7;
+  Call("GetStatus");  // no params: default keys and view
+  EXPECT_EQ(8, m_alive);
+  ASSERT_EQ(1u, m_answers.all.size());
+  EXPECT_EQ(Result(Ask(nullptr, "GetStatus")), m_answers.all[0]);
+  EXPECT_EQ(0u, m_answers.all[0][1].find("json=[\n{\"key1\":\"A\""));
+  Call("GetStatus", R"({"key1":"nobody"})");
+  EXPECT_EQ(Result(""), m_answers.all[1]);
+  // The method is the query, whatever "query_id" the params name.
+  Call("vers", R"({"query_id":"GetError"})");
+  EXPECT_EQ(Result(R"({"version":"15.11.26.0"})"), m_answers.all[2]);
+  Call("events_register", "not json");
+  EXPECT_EQ(Result(""), m_answers.all[3]);
+  Call("GetError");
+  EXPECT_EQ(Result(""), m_answers.all[4]);
+  EXPECT_EQ(12, m_alive);
+}
+
+TEST_F(WebFrontTest, AnyOtherMethodGetsTheErrorAnswerAndTheCallerStillSeesItTaken) {
+  m_alive = 7;
+  for (const char* method : {"help", "query_log_status", "getstatus", ""}) Call(method);
+  EXPECT_EQ(11, m_alive);
+  ASSERT_EQ(4u, m_answers.all.size());
+  for (const auto& answer : m_answers.all)
+    EXPECT_EQ((std::vector<std::string>{"cmd=result", "error=error message in text format",
+                                        "owner_data=" + std::to_string(reinterpret_cast<uintptr_t>(&m_owner))}),
+              answer);
+}
+
+TEST_F(WebFrontTest, CallsWithoutWhatTheyNeedAreDroppedUnanswered) {
+  int32_t seven = 7;
+  ProfileParam no_counter[] = {{PP_STRING, "cmd", const_cast<char*>("call")},
+                               {PP_STRING, "method", const_cast<char*>("vers")},
+                               {PP_END, nullptr, nullptr}};
+  profile_data(m_h_methods, no_counter, 0);
+  Call(nullptr);  // no method
+  EXPECT_EQ(0, m_alive);
+  ProfileParam wrong_types[] = {{PP_STRING, "cmd", const_cast<char*>("call")},
+                                {PP_INT32, "method", &seven},
+                                {PP_STRING, "check_alive", const_cast<char*>("1")},
+                                {PP_END, nullptr, nullptr}};
+  profile_data(m_h_methods, wrong_types, 0);
+  for (const char* cmd : {"stop", "request", "result"}) {
+    ProfileParam other[] = {{PP_STRING, "cmd", const_cast<char*>(cmd)},
+                            {PP_STRING, "method", const_cast<char*>("vers")},
+                            {PP_INT32, "check_alive", &seven},
+                            {PP_END, nullptr, nullptr}};
+    profile_data(m_h_methods, other, 0);
+  }
+  ProfileParam no_cmd[] = {{PP_STRING, nullptr, const_cast<char*>("call")},
+                           {PP_STRING, "method", const_cast<char*>("vers")},
+                           {PP_INT32, "check_alive", &seven},
+                           {PP_END, nullptr, nullptr}};
+  profile_data(m_h_methods, no_cmd, 0);
+  on_plugin_data2(g_p_writer_global->m_p_web_service, nullptr);
+  EXPECT_EQ(7, seven);
+  EXPECT_TRUE(m_answers.all.empty());
+  // A timeout below 1 is only reported: the call is answered as usual.
+  int32_t zero = 0;
+  ProfileParam timeout[] = {{PP_STRING, "cmd", const_cast<char*>("call")},
+                            {PP_STRING, "method", const_cast<char*>("vers")},
+                            {PP_INT32, "timeout", &zero},
+                            {PP_INT32, "timeout", nullptr},
+                            {PP_INT32, "check_alive", &seven},
+                            {PP_END, nullptr, nullptr}};
+  profile_data(m_h_methods, timeout, 0);
+  EXPECT_EQ(8, seven);
+  ASSERT_EQ(1u, m_answers.all.size());
+  EXPECT_EQ("json={\"version\":\"15.11.26.0\"}", m_answers.all[0][1]);
+}
+
 void OnAnswer(void* user, ProfileParam* p) {
   if (p[0].type == PP_STRING && strcmp(p[0].name, "json") == 0)
     static_cast<std::vector<std::string>*>(user)->push_back(static_cast<const char*>(p[0].value));
@@ -357,6 +520,44 @@ TEST(WebServiceDoorTest, AQueryThroughDllExecComesBackThroughTheExecCallback) {
   dlclose(lib);
   Sym<void (*)()>(archive, "archive_reset")();
   Sym<int32_t (*)(const char*)>(archive, "archive_configure")(nullptr);
+  core_set_path("archive", nullptr);
+  core_set_path("log-1", nullptr);
+  EXPECT_EQ(0, system((std::string("rm -rf ") + dir).c_str()));
+}
+
+// The subscriptions of one run are in the next: dll_free saves them beside
+// the plug-in's folder, and dll_init reads them back.
+TEST(WebServiceDoorTest, SubscriptionsSurviveARestartOfThePlugIn) {
+  void* archive = dlopen(WRITER_BIN_DIR "/libwarchive.so", RTLD_NOW | RTLD_LOCAL);
+  void* log = dlopen(WRITER_BIN_DIR "/liblog.so", RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(nullptr, archive);
+  ASSERT_NE(nullptr, log);
+  char dir[] = "/tmp/test_writer_web_service_XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(dir));
+  core_set_path("writer", (std::string(dir) + "/plugins/writer.so").c_str());
+  std::vector<std::string> answers;
+  ProfileCallback reply = {&answers, reinterpret_cast<void*>(&OnAnswer)};
+  auto exec = [&](void* lib, const char* json) {
+    ProfileParam q[] = {
+        {PP_CALLBACK, "exec", &reply}, {PP_STRING, "json", const_cast<char*>(json)}, {PP_END, nullptr, nullptr}};
+    Sym<int32_t (*)(ProfileParam*)>(lib, "dll_exec")(q);
+  };
+  for (int run = 0; run < 2; run++) {
+    void* lib = LoadPluginBeside(archive, log, dir, "");
+    ASSERT_NE(nullptr, lib);
+    ASSERT_EQ(0, Sym<int32_t (*)()>(lib, "dll_init")());
+    if (run == 0) exec(lib, R"({"query_id":"query_log_status_add","value":"<x>kept %d"})");
+    exec(lib, R"({"query_id":"query_log_status"})");
+    EXPECT_EQ(0, Sym<int32_t (*)()>(lib, "dll_free")());
+    dlclose(lib);
+    Sym<void (*)()>(archive, "archive_reset")();
+    Sym<int32_t (*)(const char*)>(archive, "archive_configure")(nullptr);
+  }
+  const std::string line = "[\n{\"file\":\"\",\"line\":0,\"log\":\"<x>kept %d\",\"is_on\":true}\n]";
+  EXPECT_EQ((std::vector<std::string>{"", line, line}), answers);  // the add answers nothing
+  EXPECT_EQ("{\"query_log_status\":[\n{\"log\":\"<x>kept %d\",\"is_on\":true}\n]}\n",
+            ReadAll(std::string(dir) + "/config/writer.js"));
+  core_set_path("writer", nullptr);
   core_set_path("archive", nullptr);
   core_set_path("log-1", nullptr);
   EXPECT_EQ(0, system((std::string("rm -rf ") + dir).c_str()));

@@ -72,6 +72,10 @@ WRITER_EXPORT int32_t dll_init(void) {
   StabilityStart();
   LanguageInit();
   int32_t i_rv_lv = GlobalInit();
+  // The saved subscriptions come back once the logger is there to show the
+  // file; also after a failed start, as dll_free saves the list again and
+  // must not overwrite the file with an empty one.
+  LogStatusLoad(g_p_log_status_list);
   if (i_rv_lv == 0) {
     TRACE44(TLOG_ARC, "<root>writer: dll_init end ");
     // The schedule engine starts last of all: its first evaluation may
@@ -91,6 +95,9 @@ WRITER_EXPORT int32_t dll_free(void) {
   kelmar_schedule::g_p_task_manager = nullptr;
   delete p_engine_lv;
   TRACE44(TLOG_ARC, "<root>writer: dll_free start ");
+  // No channel and no query is left to change the list; saved while the
+  // logger can still tell of a failed write.
+  SaveLogStatus(g_p_log_status_list);
   GlobalDeinit();
   LanguageDeinit();
   StabilityStop();

@@ -89,10 +89,11 @@ void PeriodicJobs(CWriteBuffering* p_av, int32_t i_slot_av, TWaitStat* p_wd_av) 
     if (ClaimPeriod(p_scan_lv, i64_now_lv, static_cast<int64_t>(UI64_MEM_SCAN_PERIOD)))
       CheckNextBaseElem(p_mem_lv, "writer");
   }
-  // The saved subscriptions are written by their own unit once it claims
-  // this period; the claim keeps the pace for all channels.
+  // The saved subscriptions are rewritten by the thread that claims this
+  // period first; the claim keeps the pace for all channels.
   CLogStatusList* p_saved_lv = g_p_log_status_list;
-  if (p_saved_lv != nullptr) ClaimPeriod(&p_saved_lv->m_i64_last_save, i64_now_lv, I64_SAVE_PERIOD);
+  if (p_saved_lv != nullptr && ClaimPeriod(&p_saved_lv->m_i64_last_save, i64_now_lv, I64_SAVE_PERIOD))
+    SaveLogStatus(p_saved_lv);
   StableMark(i_slot_av, 20004);
   if (i64_now_lv > p_av->m_i64_last_wd_print + I64_WD_PRINT_PERIOD) {
     if (p_av->m_i64_last_wd_print != 0) {

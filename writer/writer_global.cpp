@@ -9,7 +9,9 @@
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
 #include "platform/pl_os.h"
+#include "writer/writer_forced.h"
 #include "writer/writer_main.h"
+#include "writer/writer_web_service.h"
 
 TArchiveFns g_archive = {};
 CWriterGlobal* g_p_writer_global = nullptr;
@@ -17,6 +19,8 @@ CWriterGlobal* g_p_writer_global = nullptr;
 namespace {
 
 const int32_t I_SIGN_GLOBAL = 4401;
+const int32_t I_SIGN_WEB_SERVICE = 4403;
+const int32_t I_SIGN_SERVICE_CLIENT = 4402;
 const uint64_t UI64_MEM_SCAN_PERIOD = 6000000000ULL;  // 600 s
 
 void StdoutLine(const char* s_format_av, const char* s_arg_av) {
@@ -114,15 +118,25 @@ CWriterGlobal::CWriterGlobal()
       m_i64_start_time(static_cast<int64_t>(FileTimeNowLocal())),
       m_b_work_mode_150602(0),
       m_b_work_mode_150605(0),
-      m_b_work_mode_150607(0) {
+      m_b_work_mode_150607(0),
+      m_p_service_client(nullptr),
+      m_p_forced(nullptr) {
   m_speed_stat.m_i_print_form = 2;
   m_h_track_event = profile_open("track_event", nullptr, __FILE__, __LINE__);
   m_i64_empty_id = HashText("");
   m_i64_video_id = HashText("video");
   m_i64_audio_id = HashText("audio");
+  m_p_web_service = SafeNew<CWriterWebService>(I_SIGN_WEB_SERVICE);
+  m_p_service_client = SafeNew<ServiceClient>(I_SIGN_SERVICE_CLIENT);
+  m_p_forced = ForcedBindingOpen();
 }
 
 CWriterGlobal::~CWriterGlobal() {
+  // The front's calls end first: they read the channel list.
+  SafeDelete(m_p_web_service);
+  // No command may arrive while the client it needs goes away.
+  ForcedBindingClose(m_p_forced);
+  SafeDelete(m_p_service_client);
   int32_t i_rv_lv = profile_close(m_h_track_event);
   if (i_rv_lv != 0) TRACE45(TLOG_ARC, TSEV_FAULT, "<error>ewriter: profile_close w rv=%d", i_rv_lv);
   // Channels live inside the host's camera pairs, which only plugin_close

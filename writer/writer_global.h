@@ -10,8 +10,13 @@
 #include "host/include/archive_api.h"
 #include "host/include/core_api.h"
 #include "linux/common_use/diagnostic.h"
+#include "linux/common_use/profile_common.h"
 #include "linux/common_use/temp/clist.h"
 #include "writer/writer_events_registrator.h"
+
+struct TForcedBinding;
+
+class CWriterWebService;
 
 struct TArchiveFns {
   void* m_h_lib;
@@ -58,6 +63,13 @@ class CWriterGlobal {
   int32_t m_b_work_mode_150602;
   int32_t m_b_work_mode_150605;
   int32_t m_b_work_mode_150607;
+  // Asks other plug-ins' methods, for forced recording's camera look-up.
+  ServiceClient* m_p_service_client;
+  // "track_vp-api", where forced recording commands arrive.
+  TForcedBinding* m_p_forced;
+  // The web-service methods: registration and calls of the host's web
+  // front.
+  CWriterWebService* m_p_web_service = nullptr;
 };
 
 // Null means that no channel may be opened.

@@ -1,9 +1,11 @@
 // The query dispatch of the plug-in: reads the parameters of a query, picks
 // the query by its exact name and writes the answer. Called by the query
-// door of dll_exec (OnGetInfo_Causing1) and by the web-service methods. It
-// holds no lock of its own: each collector runs under the lock of the list
-// it walks, and lines are sorted and joined after the lock is left, so the
-// channels wait only for the building of the texts.
+// door of dll_exec (OnGetInfo_Causing1) and by the web-service methods,
+// which are here too: their registration with the host's web front and
+// their calls, answered on the caller's thread. Nothing here holds a lock
+// of its own: each collector runs under the lock of the list it walks, and
+// lines are sorted and joined after the lock is left, so the channels wait
+// only for the building of the texts.
 #include "writer/writer_web_service.h"
 
 #include <cstring>
@@ -12,6 +14,7 @@
 
 #include "linux/common_use/common_parser.h"
 #include "linux/common_use/config.h"
+#include "linux/common_use/core_bus.h"
 #include "linux/common_use/diagnostic.h"
 #include "linux/common_use/service/Stable.h"
 #include "linux/common_use/service/service2.h"
@@ -21,6 +24,7 @@
 #include "writer/writer_events_registrator.h"
 #include "writer/writer_global.h"
 #include "writer/writer_inform.h"
+#include "writer/writer_stability.h"
 #include "writer/writer_web_service_help.h"
 
 namespace {
@@ -223,4 +227,190 @@ void QueryExec(const char* s_method_av, const char* s_json_av, SafeString* p_out
       Answer(p_out_av, S_UNKNOWN_QUERY);
   }
   StableMark(i_slot_av, POINT_ANSWERED);
+}
+
+namespace {
+
+const char* const S_TRACK_METHODS = "plugin_methods_writer";
+const char* const S_TRACK_LIST = "trackWsListMethods";
+
+const int32_t POINT_CALL_IN = 20901;
+const int32_t POINT_METHOD_BEFORE = 20902;
+const int32_t POINT_METHOD_AFTER = 20903;
+const int32_t POINT_UNKNOWN_BEFORE = 20904;
+const int32_t POINT_UNKNOWN_AFTER = 20905;
+const int32_t POINT_CALL_END = 20906;
+
+const int32_t I_DEFAULT_TIMEOUT_SEC = 5;
+
+// One method of the registration: its name, help and, for the two status
+// methods, the parameters the front offers.
+struct TMethodRow {
+  const char* m_s_name;
+  const char* m_s_help;
+  const char* m_s_params;
+};
+
+const TMethodRow METHODS[] = {{"vers", S_METHOD_HELP_VERS, nullptr},
+                              {"GetStatus", S_METHOD_HELP_GET_STATUS, S_METHOD_PARAMS},
+                              {"events_register", S_METHOD_HELP_EVENTS_REGISTER, S_METHOD_PARAMS},
+                              {"GetError", S_METHOD_HELP_GET_ERROR, nullptr}};
+
+ProfileParam Text(const char* s_name_av, const char* s_value_av) {
+  return {PP_STRING, s_name_av, const_cast<char*>(s_value_av)};
+}
+
+// One registration message. The front reads its elements in this order:
+// "vers" and "GetError" have no parameters, and "vers" names its track
+// before its help.
+void SendRegistration(TrackHandle h_track_av, const TMethodRow& row_av) {
+  ProfileParam params_lv[7];
+  int i_lv = 0;
+  params_lv[i_lv++] = Text("cmd", "register");
+  params_lv[i_lv++] = Text("plugin_name", "writer");
+  params_lv[i_lv++] = Text("method_name", row_av.m_s_name);
+  if (strcmp(row_av.m_s_name, "vers") == 0) {
+    params_lv[i_lv++] = Text("in_track", S_TRACK_METHODS);
+    params_lv[i_lv++] = Text("method_help", row_av.m_s_help);
+  } else {
+    if (row_av.m_s_params != nullptr) params_lv[i_lv++] = Text("method_params", row_av.m_s_params);
+    params_lv[i_lv++] = Text("method_help", row_av.m_s_help);
+    params_lv[i_lv++] = Text("in_track", S_TRACK_METHODS);
+  }
+  params_lv[i_lv] = {PP_END, nullptr, nullptr};
+  BusData(h_track_av, params_lv);
+}
+
+// What one call carries; elements of another type count as absent.
+struct TMethodCall {
+  const char* m_s_cmd = nullptr;
+  const char* m_s_method = nullptr;
+  const char* m_s_params = nullptr;
+  void* m_p_owner_data = nullptr;
+  int32_t* m_p_check_alive = nullptr;
+  int32_t m_i_timeout_sec = I_DEFAULT_TIMEOUT_SEC;
+};
+
+void ReadCall(ProfileParam* p_params_av, TMethodCall* p_call_av) {
+  for (ProfileParam* p_el_lv = p_params_av; p_el_lv->type != PP_END; p_el_lv++) {
+    if (p_el_lv->name == nullptr) continue;
+    const char* s_name_lv = p_el_lv->name;
+    if (p_el_lv->type == PP_STRING && strcmp(s_name_lv, "cmd") == 0)
+      p_call_av->m_s_cmd = static_cast<const char*>(p_el_lv->value);
+    else if (p_el_lv->type == PP_STRING && strcmp(s_name_lv, "method") == 0)
+      p_call_av->m_s_method = static_cast<const char*>(p_el_lv->value);
+    else if (p_el_lv->type == PP_STRING && strcmp(s_name_lv, "params") == 0)
+      p_call_av->m_s_params = static_cast<const char*>(p_el_lv->value);
+    else if (p_el_lv->type == PP_INT32 && p_el_lv->value != nullptr && strcmp(s_name_lv, "timeout") == 0)
+      p_call_av->m_i_timeout_sec = *static_cast<const int32_t*>(p_el_lv->value);
+    else if (p_el_lv->type == PP_OBJECT && strcmp(s_name_lv, "owner_data") == 0)
+      p_call_av->m_p_owner_data = p_el_lv->value;
+    else if (p_el_lv->type == PP_INT32 && strcmp(s_name_lv, "check_alive") == 0)
+      p_call_av->m_p_check_alive = static_cast<int32_t*>(p_el_lv->value);
+  }
+}
+
+bool IsRegisteredMethod(const char* s_method_av) {
+  for (const TMethodRow& row_lv : METHODS)
+    if (strcmp(row_lv.m_s_name, s_method_av) == 0) return true;
+  return false;
+}
+
+// The answer to a method the plug-in does not provide.
+void SendUnknownMethod(CWriterWebService* p_av, void* p_owner_data_av) {
+  ProfileParam params_lv[] = {Text("cmd", "result"),
+                              Text("error", "error message in text format"),
+                              {PP_OBJECT, "owner_data", p_owner_data_av},
+                              {PP_END, nullptr, nullptr}};
+  BusData(p_av->m_h_track_methods, params_lv);
+}
+
+}  // namespace
+
+CWriterWebService::CWriterWebService() : m_h_track_methods(0), m_h_track_list(0) {
+  ProfileCallback list_cb_lv = {this, reinterpret_cast<void*>(&on_plugin_result)};
+  m_h_track_list = profile_open(S_TRACK_LIST, &list_cb_lv, __FILE__, __LINE__);
+  if (m_h_track_list == 0) {
+    TRACE45(TLOG_ARC, TSEV_FAULT, "<errorws> create m_p_profile_in_methods failed");
+    return;
+  }
+  ProfileCallback methods_cb_lv = {this, reinterpret_cast<void*>(&on_plugin_data2)};
+  m_h_track_methods = profile_open(S_TRACK_METHODS, &methods_cb_lv, __FILE__, __LINE__);
+  if (m_h_track_methods == 0) TRACE45(TLOG_ARC, TSEV_FAULT, "<errorws> create m_p_profile_out failed 2");
+}
+
+CWriterWebService::~CWriterWebService() {
+  // Closed before the object goes: once profile_close returns, no call of
+  // the front runs here any more.
+  if (m_h_track_methods != 0) profile_close(m_h_track_methods);
+  if (m_h_track_list != 0) profile_close(m_h_track_list);
+  m_h_track_methods = 0;
+  m_h_track_list = 0;
+}
+
+void on_plugin_result(void* p_user_av, ProfileParam* p_params_av) {
+  CEntryScope scope_lv("on_plugin_result");
+  CWriterWebService* p_lv = static_cast<CWriterWebService*>(p_user_av);
+  if (p_lv == nullptr || p_params_av == nullptr) {
+    TRACE45(TLOG_ARC, TSEV_FAULT, "<errorws> on_plugin_result: error: udata=NULL || p == NULL\n");
+    return;
+  }
+  const char* s_cmd_lv = nullptr;
+  for (ProfileParam* p_el_lv = p_params_av; p_el_lv->type != PP_END; p_el_lv++)
+    if (p_el_lv->type == PP_STRING && p_el_lv->name != nullptr && strcmp(p_el_lv->name, "cmd") == 0)
+      s_cmd_lv = static_cast<const char*>(p_el_lv->value);
+  // The provider registers only when the front asks: a front that starts
+  // again asks again.
+  if (s_cmd_lv == nullptr || strcmp(s_cmd_lv, "request") != 0) return;
+  for (const TMethodRow& row_lv : METHODS) SendRegistration(p_lv->m_h_track_list, row_lv);
+}
+
+void on_plugin_data2(void* p_user_av, ProfileParam* p_params_av) {
+  CEntryScope scope_lv("on_plugin_data2");
+  int32_t i_slot_lv = scope_lv.Slot();
+  StableMark(i_slot_lv, POINT_CALL_IN);
+  CWriterWebService* p_lv = static_cast<CWriterWebService*>(p_user_av);
+  TMethodCall call_lv;
+  if (p_params_av != nullptr) ReadCall(p_params_av, &call_lv);
+  if (call_lv.m_s_cmd == nullptr) {
+    TRACE45(TLOG_ARC, TSEV_FAULT, "<errorws> OnGetEvent: cmd == NULL");
+  } else if (strcmp(call_lv.m_s_cmd, "call") == 0 && p_lv != nullptr) {
+    // The timeout is the caller's: the answer goes out before the call
+    // returns, so there is nothing to time here.
+    if (call_lv.m_i_timeout_sec < 1)
+      TRACE45(TLOG_ARC, TSEV_FAULT, "<errorws> OnGetEvent timeout_sec=%d < 1 set 5sec", call_lv.m_i_timeout_sec);
+    if (call_lv.m_p_check_alive != nullptr && call_lv.m_s_method != nullptr) {
+      // The caller sees from its own counter that a provider took the call.
+      (*call_lv.m_p_check_alive)++;
+      std::string s_method_lv(call_lv.m_s_method);
+      if (IsRegisteredMethod(s_method_lv.c_str())) {
+        StableMark(i_slot_lv, POINT_METHOD_BEFORE);
+        RequestExec(p_lv, s_method_lv.c_str(), call_lv.m_s_params, call_lv.m_p_owner_data, i_slot_lv);
+        StableMark(i_slot_lv, POINT_METHOD_AFTER);
+      } else {
+        StableMark(i_slot_lv, POINT_UNKNOWN_BEFORE);
+        SendUnknownMethod(p_lv, call_lv.m_p_owner_data);
+        StableMark(i_slot_lv, POINT_UNKNOWN_AFTER);
+      }
+    }
+  }
+  StableMark(i_slot_lv, POINT_CALL_END);
+}
+
+void RequestExec(CWriterWebService* p_av, const char* s_method_av, const char* s_params_av, void* p_owner_data_av,
+                 int32_t i_slot_av) {
+  TRACE44(TLOG_ARC, "<request>Bef RequestExec 2 method %s", s_method_av);
+  SafeString result_lv;
+  QueryExec(s_method_av, s_params_av, &result_lv, i_slot_av);
+  TRACE44(TLOG_ARC, "<request>Aft RequestExec 2");
+  SendResult(p_av, p_owner_data_av, &result_lv);
+}
+
+void SendResult(CWriterWebService* p_av, void* p_owner_data_av, const SafeString* p_result_av) {
+  if (p_av == nullptr) return;
+  ProfileParam params_lv[] = {Text("cmd", "result"),
+                              Text("json", SafeStringText(p_result_av)),
+                              {PP_OBJECT, "owner_data", p_owner_data_av},
+                              {PP_END, nullptr, nullptr}};
+  BusData(p_av->m_h_track_methods, params_lv);
 }

@@ -51,3 +51,45 @@ const char* const S_QUERY_HELP =
     "Текущее состояние процесса записи:\r\n"
     "Запрос {\"query_id\":\"GetError\"}. Результат - строка json с перечнем ошибок записи: каналы, в которых "
     "обнаружена ошибка записи или поток записи не работает больше 10 секунд.\r\n";
+
+// The help of the web-service methods, as the front shows it beside each
+// method: an object {"help":"..."} with real line feeds in its text. The
+// help of "vers" carries bare double quotes and so is no valid JSON; the
+// front shows it as text all the same, and it stays as operators know it.
+const char* const S_METHOD_HELP_VERS =
+    "{\"help\":\"измения в версиях:\n\"140212 - запрос get_status;\n\" \n\"}";
+
+// The filter sentence that both status methods share.
+#define S_METHOD_HELP_FILTER                                                                                   \
+  "Фильтр по камере: параметры key1, key2, key3, key4 (или \"object_id\":{\"key1\":\"...\",...}); пустой ключ " \
+  "не ограничивает выбор.\n"
+
+const char* const S_METHOD_HELP_GET_STATUS =
+    "{\"help\":\"Состояние процесса записи.Поля результата:\n"
+    "buff1_size - число кадров в первом буфере записи;\n"
+    "buff2_size - число кадров во втором буфере записи; больше 3 кадров постоянно - система, возможно, не "
+    "успевает писать на диск;\n"
+    "storage - системный идентификатор хранилища;\n"
+    "sched - 1, если расписание не запрещает запись;\n"
+    "by_event_condit - 1, если нет запрета записи по событиям;\n"
+    "sched_last_get - время последней команды расписания;\n"
+    "last_refused - время, когда запись последний раз оказалась не нужна;\n"
+    "last_detect - время последней активности детектора;\n"
+    "last_source - время последнего кадра от источника;\n"
+    "no_signal - true, если кадров нет дольше 5 секунд;\n"
+    "need_write - 1, если кадры пишутся в архив.\n"
+    "Параметр view: by_events - каналы с записью по событиям и их события; buffer_fill - заполнение буферов "
+    "за последние 60 секунд; buffer_fill_breif - то же кратко; buffer_fill_over_0, buffer_fill_over_1, "
+    "buffer_fill_over_30 - только каналы, в буферах которых было больше 0, 1 или 30 кадров.\n" S_METHOD_HELP_FILTER
+    "\"}";
+
+const char* const S_METHOD_HELP_EVENTS_REGISTER =
+    "{\"help\":\"Состояние процесса записи.Поля результата:\n" S_METHOD_HELP_FILTER "\"}";
+
+const char* const S_METHOD_HELP_GET_ERROR =
+    "{\"help\":\"Состояние процесса записи.Результат - строка json с перечнем ошибок\n\"}";
+
+// The parameters the front offers for both status methods.
+const char* const S_METHOD_PARAMS =
+    "[{\"name\": \"key1\", \"value\": \"\"}, {\"name\": \"key2\", \"value\": \"\"}, {\"name\": \"key3\", \"value\": "
+    "\"\"}, {\"name\": \"key4\", \"value\": \"\"}, {\"name\": \"view\", \"value\": \"\"}]";

@@ -210,10 +210,48 @@ bool ReadCamera(yajl_val p_cam_av, size_t ui_index_av, const std::string& s_base
   return ReadSource(SrvJsonMember(p_cam_av, "source"), s_where_lv, s_base_dir_av, &p_out_av->m_source, p_error_av);
 }
 
+const SrvCamera* CameraNamed(const SrvSettings& settings_av, const std::string& s_name_av) {
+  for (const SrvCamera& cam_lv : settings_av.m_cameras)
+    if (cam_lv.m_s_name == s_name_av) return &cam_lv;
+  return nullptr;
+}
+
+// A forced command names a camera of the file (its id is sent) or an id
+// as it is, which may name no camera at all.
+bool ReadForcedStep(yajl_val p_step_av, const std::string& s_where_av, const SrvSettings& settings_av,
+                    SrvEventStep* p_out_av, std::string* p_error_av) {
+  bool b_ok_lv = true;
+  bool b_camera_lv = SrvJsonText(p_step_av, "camera", &p_out_av->m_s_camera, &b_ok_lv);
+  bool b_id_lv = SrvJsonText(p_step_av, "id", &p_out_av->m_s_id, &b_ok_lv);
+  SrvJsonInt(p_step_av, "duration", &p_out_av->m_i64_duration, &b_ok_lv);
+  if (!b_ok_lv || (!b_camera_lv && !b_id_lv) ||
+      (SrvJsonMember(p_step_av, "duration") != nullptr && p_out_av->m_i64_duration < 0))
+    return *p_error_av = s_where_av +
+                         ": a forced command needs \"camera\" or \"id\" (texts), and \"duration\" "
+                         "is whole seconds, 0 or more",
+           false;
+  if (b_camera_lv && !b_id_lv) {
+    const SrvCamera* p_cam_lv = CameraNamed(settings_av, p_out_av->m_s_camera);
+    if (p_cam_lv == nullptr)
+      return *p_error_av = s_where_av + ": no camera named '" + p_out_av->m_s_camera + "'", false;
+    p_out_av->m_s_id = p_cam_lv->m_s_id;
+  }
+  return true;
+}
+
 bool ReadEventStep(yajl_val p_step_av, size_t ui_index_av, const SrvSettings& settings_av, SrvEventStep* p_out_av,
                    std::string* p_error_av) {
   std::string s_where_lv = "event " + std::to_string(ui_index_av + 1);
   bool b_ok_lv = true;
+  std::string s_command_lv;
+  if (SrvJsonText(p_step_av, "action", &s_command_lv, &b_ok_lv) &&
+      (s_command_lv == "start_recording" || s_command_lv == "stop_recording")) {
+    if (!SrvJsonDouble(p_step_av, "at", &p_out_av->m_d_at_s, &b_ok_lv))
+      return *p_error_av = s_where_lv + ": needs \"at\" (seconds)", false;
+    p_out_av->m_s_command = s_command_lv;
+    return ReadForcedStep(p_step_av, s_where_lv, settings_av, p_out_av, p_error_av);
+  }
+  b_ok_lv = true;
   int64_t i64_event_lv = 0, i64_stop_lv = 0;
   std::string s_action_lv;
   if (!SrvJsonDouble(p_step_av, "at", &p_out_av->m_d_at_s, &b_ok_lv) ||
@@ -224,10 +262,12 @@ bool ReadEventStep(yajl_val p_step_av, size_t ui_index_av, const SrvSettings& se
   SrvJsonInt(p_step_av, "stop_event", &i64_stop_lv, &b_ok_lv);
   SrvJsonText(p_step_av, "guid", &p_out_av->m_s_guid, &b_ok_lv);
   if (!b_ok_lv || (s_action_lv != "start" && s_action_lv != "stop"))
-    return *p_error_av = s_where_lv + ": \"action\" is start or stop, \"stop_event\" a number, \"guid\" a text", false;
-  bool b_known_lv = false;
-  for (const SrvCamera& cam_lv : settings_av.m_cameras) b_known_lv = b_known_lv || cam_lv.m_s_name == p_out_av->m_s_camera;
-  if (!b_known_lv) return *p_error_av = s_where_lv + ": no camera named '" + p_out_av->m_s_camera + "'", false;
+    return *p_error_av = s_where_lv +
+                         ": \"action\" is start, stop, start_recording or stop_recording, \"stop_event\" "
+                         "a number, \"guid\" a text",
+           false;
+  if (CameraNamed(settings_av, p_out_av->m_s_camera) == nullptr)
+    return *p_error_av = s_where_lv + ": no camera named '" + p_out_av->m_s_camera + "'", false;
   p_out_av->m_i_event = static_cast<int32_t>(i64_event_lv);
   p_out_av->m_i_stop_event = static_cast<int32_t>(i64_stop_lv);
   p_out_av->m_b_start = s_action_lv == "start";

@@ -37,7 +37,8 @@ struct SrvCamera {
 };
 
 // One line of the event script: at a time after start, an event type of a
-// camera starts or stops.
+// camera starts or stops; or, as an outside API client would, a command
+// "start_recording" / "stop_recording" goes to the plug-in on "track_vp-api".
 struct SrvEventStep {
   double m_d_at_s = 0;
   std::string m_s_camera;
@@ -45,6 +46,9 @@ struct SrvEventStep {
   int32_t m_i_stop_event = 0;
   bool m_b_start = true;
   std::string m_s_guid;
+  std::string m_s_command;      // forced command, empty for an event
+  std::string m_s_id;           // the camera id the command names
+  int64_t m_i64_duration = -1;  // seconds of a timed start; -1 none
 };
 
 struct SrvSettings {

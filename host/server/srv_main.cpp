@@ -15,6 +15,7 @@
 #include "host/server/srv_progress.h"
 #include "host/server/srv_source.h"
 #include "host/server/srv_tracks.h"
+#include "host/server/srv_web.h"
 #include "platform/pl_clock.h"
 #include "platform/pl_os.h"
 
@@ -48,6 +49,7 @@ struct Run {
   std::vector<std::unique_ptr<SrvSource>> m_sources;
   std::vector<void*> m_pairs;
   SrvMonitor m_monitor;
+  SrvWebFront m_web;
 };
 
 bool OpenSources(Run* p_av, std::string* p_error_av) {
@@ -110,6 +112,7 @@ int Record(Run* p_av) {
     fprintf(stderr, "writer-host: %s\n", s_error_lv.c_str());
     return EXIT_NO_PLUGIN;
   }
+  SrvWebOpen(&p_av->m_web);
   if (!OpenSources(p_av, &s_error_lv)) {
     fprintf(stderr, "writer-host: %s\n", s_error_lv.c_str());
     return EXIT_BAD_CONFIG;
@@ -139,6 +142,7 @@ int Record(Run* p_av) {
   for (void* p_pair_lv : p_av->m_pairs)
     if (p_pair_lv != nullptr) SrvPluginCloseCamera(&p_av->m_plugin, p_pair_lv);
   p_av->m_pairs.clear();
+  SrvWebClose(&p_av->m_web);
   SrvPluginFree(&p_av->m_plugin);
   return SrvPrintSummary(&p_av->m_monitor, d_run_lv);
 }

@@ -124,6 +124,18 @@ void OnEvent(void* p_user_av, ProfileParam* p_params_av) {
   AddLine(p_lv, "event " + std::to_string(i_type_lv) + " from the plug-in, camera " + s_key2_lv + ": " + s_comment_lv);
 }
 
+// "track_vp-api": the plug-in's answer to a forced command, an XML text.
+void OnApi(void* p_user_av, ProfileParam* p_params_av) {
+  SrvHostTracks* p_lv = static_cast<SrvHostTracks*>(p_user_av);
+  for (ProfileParam* p_el_lv = p_params_av; p_el_lv != nullptr && p_el_lv->type != PP_END; p_el_lv++) {
+    if (!Named(p_el_lv, "result") || TextOf(p_el_lv) == nullptr) continue;
+    std::string s_answer_lv = TextOf(p_el_lv);
+    if (s_answer_lv.size() > 512) s_answer_lv.resize(512);
+    p_lv->m_i64_forced_answers++;
+    AddLine(p_lv, "api: answer " + s_answer_lv);
+  }
+}
+
 const SrvCamera* FindCamera(const SrvSettings& settings_av, const std::string& s_name_av) {
   for (const SrvCamera& cam_lv : settings_av.m_cameras)
     if (cam_lv.m_s_name == s_name_av) return &cam_lv;
@@ -141,6 +153,13 @@ uint32_t ScriptThread(void* p_arg_av) {
     double d_wait_ms_lv = (step_lv.m_d_at_s - SecondsSince(i64_start_lv)) * 1000.0;
     if (d_wait_ms_lv > 0 && p_lv->m_p_stop->Wait(static_cast<uint32_t>(d_wait_ms_lv)) == PL_WAIT_OBJECT_0) break;
     if (p_lv->m_p_stop->IsSet()) break;
+    if (!step_lv.m_s_command.empty()) {
+      // The answer comes back inside the send: the command's line first.
+      AddLine(p_lv, "script: " + step_lv.m_s_command + " for camera id '" + step_lv.m_s_id + "'");
+      SrvPostForced(p_lv->m_h_api, step_lv);
+      p_lv->m_i64_script_posted++;
+      continue;
+    }
     const SrvCamera* p_cam_lv = FindCamera(*p_lv->m_p_settings, step_lv.m_s_camera);
     if (p_cam_lv == nullptr) continue;
     SrvPostEvent(p_lv->m_h_event, *p_cam_lv, step_lv, ++i64_serial_lv);
@@ -211,6 +230,18 @@ void SrvPostEvent(TrackHandle h_av, const SrvCamera& camera_av, const SrvEventSt
   profile_data(h_av, msg_lv, 0);
 }
 
+void SrvPostForced(TrackHandle h_av, const SrvEventStep& step_av) {
+  std::string s_seconds_lv = std::to_string(step_av.m_i64_duration);
+  ProfileParam args_lv[] = {{PP_STRING, "id", const_cast<char*>(step_av.m_s_id.c_str())},
+                            {PP_STRING, s_seconds_lv.c_str(), nullptr},
+                            {PP_END, nullptr, nullptr}};
+  if (step_av.m_i64_duration < 0) args_lv[1] = args_lv[2];
+  ProfileParam msg_lv[] = {{PP_STRING, "method", const_cast<char*>(step_av.m_s_command.c_str())},
+                           {PP_LIST, "args", args_lv},
+                           {PP_END, nullptr, nullptr}};
+  profile_data(h_av, msg_lv, 0);
+}
+
 void SrvHostTracksOpen(SrvHostTracks* p_av, const SrvSettings* p_settings_av) {
   p_av->m_p_settings = p_settings_av;
   p_av->m_p_stop = new PlEvent(true, false);
@@ -220,6 +251,7 @@ void SrvHostTracksOpen(SrvHostTracks* p_av, const SrvSettings* p_settings_av) {
   p_av->m_h_ws_data = OpenWith("trackWsServerData", nullptr, nullptr);
   p_av->m_h_ws_cmd = OpenWith("trackWsServerCmd", &OnWsCmd, p_av);
   p_av->m_h_event = OpenWith("track_event", &OnEvent, p_av);
+  p_av->m_h_api = OpenWith("track_vp-api", &OnApi, p_av);
 }
 
 void SrvHostTracksGo(SrvHostTracks* p_av) {
@@ -259,8 +291,8 @@ void SrvHostTracksStopScript(SrvHostTracks* p_av) {
 
 void SrvHostTracksClose(SrvHostTracks* p_av) {
   SrvHostTracksStopScript(p_av);
-  for (TrackHandle* p_h_lv : {&p_av->m_h_event, &p_av->m_h_ws_cmd, &p_av->m_h_ws_data, &p_av->m_h_schedule_in,
-                              &p_av->m_h_schedule_out, &p_av->m_h_alive}) {
+  for (TrackHandle* p_h_lv : {&p_av->m_h_api, &p_av->m_h_event, &p_av->m_h_ws_cmd, &p_av->m_h_ws_data,
+                              &p_av->m_h_schedule_in, &p_av->m_h_schedule_out, &p_av->m_h_alive}) {
     if (*p_h_lv != 0) profile_close(*p_h_lv);
     *p_h_lv = 0;
   }

@@ -2,8 +2,9 @@
 // status tracks: liveness registrations on "alive_track" (a channel whose
 // confirmations stop is reported), the calendar on "track_schedule_in" /
 // "track_schedule_out", "rtsp:list_cameras" on "trackWsServerCmd" /
-// "trackWsServerData", system events on "track_event", and the event script
-// posted there. Opened by main before dll_init, closed after dll_free.
+// "trackWsServerData", system events on "track_event", the event script
+// posted there, and the script's forced commands on "track_vp-api" with the
+// plug-in's answers. Opened by main before dll_init, closed after dll_free.
 #pragma once
 
 #include <atomic>
@@ -33,6 +34,7 @@ struct SrvHostTracks {
   TrackHandle m_h_ws_cmd = 0;
   TrackHandle m_h_ws_data = 0;
   TrackHandle m_h_event = 0;
+  TrackHandle m_h_api = 0;
   PlCritSect m_crit_sect;              // guards m_alive and m_lines
   std::map<const void*, SrvAlive> m_alive;
   std::vector<std::string> m_lines;    // what happened, for the progress output
@@ -40,6 +42,7 @@ struct SrvHostTracks {
   std::atomic<int64_t> m_i64_camera_answers{0};
   std::atomic<int64_t> m_i64_plugin_events{0};
   std::atomic<int64_t> m_i64_script_posted{0};
+  std::atomic<int64_t> m_i64_forced_answers{0};
   std::atomic<int64_t> m_i64_silences{0};
   double m_d_silence_s = 20;           // no confirmation for this long: silent
   PlEvent* m_p_stop = nullptr;
@@ -64,3 +67,7 @@ std::string SrvCalendarText(const SrvSettings& settings_av);
 std::string SrvListCamerasText(const SrvSettings& settings_av, const std::string& s_id_av);
 // Posts one event of the script on "track_event" through the handle.
 void SrvPostEvent(TrackHandle h_av, const SrvCamera& camera_av, const SrvEventStep& step_av, int64_t i64_serial_av);
+// Sends a forced command of the script on "track_vp-api" as an API client
+// does: "method", and "args" with "id" and, for a timed start, a value-less
+// element named by the seconds.
+void SrvPostForced(TrackHandle h_av, const SrvEventStep& step_av);
