@@ -70,7 +70,12 @@ LogVWriteFn g_p_fn_log_vwrite = nullptr;
 LogFreeFn g_p_fn_log_free = nullptr;
 LogGetLevelFn g_p_fn_log_get_level = nullptr;
 
+// Published with release and read with acquire: the monitor's print thread
+// may write its first line while dll_init is still loading the logger.
 TLogBinding* g_p_log_bindings[LOG_CHANNELS] = {};
+
+TLogBinding* BindingOf(int i_index_av) { return __atomic_load_n(&g_p_log_bindings[i_index_av], __ATOMIC_ACQUIRE); }
+
 // Read on every trace call from any thread: relaxed atomics cost no more
 // than plain bytes and keep the unlocked refresh well defined.
 std::atomic<uint8_t> g_b_log_on[LOG_CHANNELS];
@@ -161,9 +166,8 @@ TLogBinding* LogBindingOpen(const char* s_name_av) {
 }
 
 void LogBindingClose(TLogBinding** pp_binding_av) {
-  TLogBinding* p_lv = *pp_binding_av;
+  TLogBinding* p_lv = __atomic_exchange_n(pp_binding_av, nullptr, __ATOMIC_ACQ_REL);
   if (p_lv == nullptr) return;
-  *pp_binding_av = nullptr;
   if (p_lv->m_ui64_handle != 0 && g_p_fn_log_free != nullptr) g_p_fn_log_free(p_lv->m_ui64_handle);
   p_lv->m_ui64_handle = 0;
   p_lv->m_p_write = nullptr;
@@ -306,7 +310,8 @@ void LogDllLoad() {
   g_h_log_lib = h_lib_lv;
   LogDllBind(h_lib_lv);
   if (g_p_fn_dll_init(0) != 0) LogStdoutLine("log_dll_init_fn failed\n");
-  for (int i_lv = 0; i_lv < LOG_CHANNELS; i_lv++) g_p_log_bindings[i_lv] = LogBindingOpen(LOG_NAMES[i_lv]);
+  for (int i_lv = 0; i_lv < LOG_CHANNELS; i_lv++)
+    __atomic_store_n(&g_p_log_bindings[i_lv], LogBindingOpen(LOG_NAMES[i_lv]), __ATOMIC_RELEASE);
   LogRefreshLevels();
   g_p_log_common = LogBindingOpen("common");
   // Published last: a thread that sees it sees the loggers made above.
@@ -334,7 +339,7 @@ void LogDllUnload() {
 
 void LogRefreshLevels() {
   for (int i_lv = 0; i_lv < LOG_CHANNELS; i_lv++) {
-    TLogBinding* p_lv = g_p_log_bindings[i_lv];
+    TLogBinding* p_lv = BindingOf(i_lv);
     if (p_lv == nullptr) continue;
     bool b_on_lv =
         p_lv->m_ui64_handle != 0 && p_lv->m_p_level != nullptr && p_lv->m_p_level(p_lv->m_ui64_handle) < LOG_ON_BELOW;
@@ -359,7 +364,7 @@ int LogChannelEnabled(TLog2 channel_av) {
 bool LogTraceWanted(TLog2 channel_av) {
   bool b_enabled_lv = LogChannelEnabled(channel_av) != 0;
   if (!b_enabled_lv && !LogSitesActive()) return false;
-  return g_p_log_bindings[LogChannelIndex(channel_av)] != nullptr;
+  return BindingOf(LogChannelIndex(channel_av)) != nullptr;
 }
 
 void Trace44_Level1(TLog2 channel_av, CLastLogStatus* p_site_av, const char* s_file_av, int32_t i_line_av,
@@ -367,7 +372,7 @@ void Trace44_Level1(TLog2 channel_av, CLastLogStatus* p_site_av, const char* s_f
   bool b_enabled_lv = LogChannelEnabled(channel_av) != 0;
   bool b_sites_lv = LogSitesActive();
   if (!b_enabled_lv && !b_sites_lv) return;
-  TLogBinding* p_binding_lv = g_p_log_bindings[LogChannelIndex(channel_av)];
+  TLogBinding* p_binding_lv = BindingOf(LogChannelIndex(channel_av));
   if (p_binding_lv == nullptr || s_format_av == nullptr) return;
   va_list args_lv;
   va_start(args_lv, s_format_av);
@@ -383,7 +388,7 @@ void Trace45_Level1(TLog2 channel_av, int32_t i_severity_av, CLastLogStatus* p_s
   bool b_enabled_lv = LogChannelEnabled(channel_av) != 0;
   bool b_sites_lv = LogSitesActive();
   if (!b_enabled_lv && !b_sites_lv) return;
-  TLogBinding* p_binding_lv = g_p_log_bindings[LogChannelIndex(channel_av)];
+  TLogBinding* p_binding_lv = BindingOf(LogChannelIndex(channel_av));
   if (p_binding_lv == nullptr || s_format_av == nullptr) return;
   const TLogSeverity* p_write_lv = b_enabled_lv ? LogSeverityOf(i_severity_av) : nullptr;
   CLastLogStatus* p_site_lv = b_sites_lv ? p_site_av : nullptr;
