@@ -499,68 +499,73 @@ void OnAnswer(void* user, ProfileParam* p) {
     static_cast<std::vector<std::string>*>(user)->push_back(static_cast<const char*>(p[0].value));
 }
 
-TEST(WebServiceDoorTest, AQueryThroughDllExecComesBackThroughTheExecCallback) {
-  void* archive = dlopen(WRITER_BIN_DIR "/libwarchive.so", RTLD_NOW | RTLD_LOCAL);
-  void* log = dlopen(WRITER_BIN_DIR "/liblog.so", RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(nullptr, archive);
-  ASSERT_NE(nullptr, log);
-  char dir[] = "/tmp/test_writer_web_service_XXXXXX";
-  ASSERT_NE(nullptr, mkdtemp(dir));
-  void* lib = LoadPluginBeside(archive, log, dir, "");
+// libwriter.so loaded beside the reference archive and log, with a temp
+// folder for its files; each Load is one plug-in life up to Unload.
+class WebServiceDoorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_archive = dlopen(WRITER_BIN_DIR "/libwarchive.so", RTLD_NOW | RTLD_LOCAL);
+    m_log = dlopen(WRITER_BIN_DIR "/liblog.so", RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(nullptr, m_archive);
+    ASSERT_NE(nullptr, m_log);
+    ASSERT_NE(nullptr, mkdtemp(m_dir));
+  }
+  void TearDown() override {
+    core_set_path("writer", nullptr);
+    core_set_path("archive", nullptr);
+    core_set_path("log-1", nullptr);
+    EXPECT_EQ(0, system((std::string("rm -rf ") + m_dir).c_str()));
+  }
+  void* Load() {
+    void* lib = LoadPluginBeside(m_archive, m_log, m_dir, "");
+    EXPECT_NE(nullptr, lib);
+    if (lib != nullptr) {
+      EXPECT_EQ(0, Sym<int32_t (*)()>(lib, "dll_init")());
+    }
+    return lib;
+  }
+  void Unload(void* lib) {
+    EXPECT_EQ(0, Sym<int32_t (*)()>(lib, "dll_free")());
+    dlclose(lib);
+    Sym<void (*)()>(m_archive, "archive_reset")();
+    Sym<int32_t (*)(const char*)>(m_archive, "archive_configure")(nullptr);
+  }
+  void Exec(void* lib, const char* json) {
+    ProfileCallback reply = {&m_answers, reinterpret_cast<void*>(&OnAnswer)};
+    ProfileParam q[] = {
+        {PP_CALLBACK, "exec", &reply}, {PP_STRING, "json", const_cast<char*>(json)}, {PP_END, nullptr, nullptr}};
+    EXPECT_EQ(0, Sym<int32_t (*)(ProfileParam*)>(lib, "dll_exec")(q));
+  }
+
+  void* m_archive = nullptr;
+  void* m_log = nullptr;
+  char m_dir[40] = "/tmp/test_writer_web_service_XXXXXX";
+  std::vector<std::string> m_answers;
+};
+
+TEST_F(WebServiceDoorTest, AQueryThroughDllExecComesBackThroughTheExecCallback) {
+  void* lib = Load();
   ASSERT_NE(nullptr, lib);
-  ASSERT_EQ(0, Sym<int32_t (*)()>(lib, "dll_init")());
-  std::vector<std::string> answers;
-  ProfileCallback reply = {&answers, reinterpret_cast<void*>(&OnAnswer)};
-  ProfileParam vers[] = {{PP_CALLBACK, "exec", &reply},
-                         {PP_STRING, "json", const_cast<char*>(R"({"query_id":"vers"})")},
-                         {PP_END, nullptr, nullptr}};
-  EXPECT_EQ(0, Sym<int32_t (*)(ProfileParam*)>(lib, "dll_exec")(vers));
-  EXPECT_EQ(std::vector<std::string>{R"({"version":"15.11.26.0"})"}, answers);
-  EXPECT_EQ(0, Sym<int32_t (*)()>(lib, "dll_free")());
-  dlclose(lib);
-  Sym<void (*)()>(archive, "archive_reset")();
-  Sym<int32_t (*)(const char*)>(archive, "archive_configure")(nullptr);
-  core_set_path("archive", nullptr);
-  core_set_path("log-1", nullptr);
-  EXPECT_EQ(0, system((std::string("rm -rf ") + dir).c_str()));
+  Exec(lib, R"({"query_id":"vers"})");
+  EXPECT_EQ(std::vector<std::string>{R"({"version":"15.11.26.0"})"}, m_answers);
+  Unload(lib);
 }
 
 // The subscriptions of one run are in the next: dll_free saves them beside
 // the plug-in's folder, and dll_init reads them back.
-TEST(WebServiceDoorTest, SubscriptionsSurviveARestartOfThePlugIn) {
-  void* archive = dlopen(WRITER_BIN_DIR "/libwarchive.so", RTLD_NOW | RTLD_LOCAL);
-  void* log = dlopen(WRITER_BIN_DIR "/liblog.so", RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(nullptr, archive);
-  ASSERT_NE(nullptr, log);
-  char dir[] = "/tmp/test_writer_web_service_XXXXXX";
-  ASSERT_NE(nullptr, mkdtemp(dir));
-  core_set_path("writer", (std::string(dir) + "/plugins/writer.so").c_str());
-  std::vector<std::string> answers;
-  ProfileCallback reply = {&answers, reinterpret_cast<void*>(&OnAnswer)};
-  auto exec = [&](void* lib, const char* json) {
-    ProfileParam q[] = {
-        {PP_CALLBACK, "exec", &reply}, {PP_STRING, "json", const_cast<char*>(json)}, {PP_END, nullptr, nullptr}};
-    Sym<int32_t (*)(ProfileParam*)>(lib, "dll_exec")(q);
-  };
+TEST_F(WebServiceDoorTest, SubscriptionsSurviveARestartOfThePlugIn) {
+  core_set_path("writer", (std::string(m_dir) + "/plugins/writer.so").c_str());
   for (int run = 0; run < 2; run++) {
-    void* lib = LoadPluginBeside(archive, log, dir, "");
+    void* lib = Load();
     ASSERT_NE(nullptr, lib);
-    ASSERT_EQ(0, Sym<int32_t (*)()>(lib, "dll_init")());
-    if (run == 0) exec(lib, R"({"query_id":"query_log_status_add","value":"<x>kept %d"})");
-    exec(lib, R"({"query_id":"query_log_status"})");
-    EXPECT_EQ(0, Sym<int32_t (*)()>(lib, "dll_free")());
-    dlclose(lib);
-    Sym<void (*)()>(archive, "archive_reset")();
-    Sym<int32_t (*)(const char*)>(archive, "archive_configure")(nullptr);
+    if (run == 0) Exec(lib, R"({"query_id":"query_log_status_add","value":"<x>kept %d"})");
+    Exec(lib, R"({"query_id":"query_log_status"})");
+    Unload(lib);
   }
   const std::string line = "[\n{\"file\":\"\",\"line\":0,\"log\":\"<x>kept %d\",\"is_on\":true}\n]";
-  EXPECT_EQ((std::vector<std::string>{"", line, line}), answers);  // the add answers nothing
+  EXPECT_EQ((std::vector<std::string>{"", line, line}), m_answers);  // the add answers nothing
   EXPECT_EQ("{\"query_log_status\":[\n{\"log\":\"<x>kept %d\",\"is_on\":true}\n]}\n",
-            ReadAll(std::string(dir) + "/config/writer.js"));
-  core_set_path("writer", nullptr);
-  core_set_path("archive", nullptr);
-  core_set_path("log-1", nullptr);
-  EXPECT_EQ(0, system((std::string("rm -rf ") + dir).c_str()));
+            ReadAll(std::string(m_dir) + "/config/writer.js"));
 }
 
 }  // namespace

@@ -29,8 +29,6 @@ long long CameraId(const CWriteBuffering* p_av) {
   return p_av->m_p_camera_info != nullptr ? static_cast<long long>(InfoCamId(p_av->m_p_camera_info)) : 0;
 }
 
-int64_t NowLocal() { return static_cast<int64_t>(FileTimeNowLocal()); }
-
 uint32_t ThreadEntry(void* p_arg_av) {
   if (p_arg_av != nullptr) ThreadWriteBufferingMethod(static_cast<CWriteBuffering*>(p_arg_av));
   return 0;
@@ -57,7 +55,7 @@ bool WaitOnce(CWriteBuffering* p_av, int32_t i_slot_av, TWaitStat* p_wd_av, int6
   PlEvent* wait_lv[2] = {p_av->m_h_event_exit_thread_write_buffering, p_av->m_h_event_activate_thread_write_buffering};
   uint32_t ui_res_lv = PlWaitAny(wait_lv, 2, UI_BUFF_WAIT_MS);
   GroupState(p_wd_av, i_slot_av, 3, 20001);
-  int64_t i64_now_lv = NowLocal();
+  int64_t i64_now_lv = FileTimeNowLocalI64();
   if (i64_now_lv > *p_last_live_av + I64_LIVE_LINE_PERIOD) {
     CommonLine("<live>ArchiveWriteBuffering cam %lld live...", i64_cam_lv);
     *p_last_live_av = i64_now_lv;
@@ -82,7 +80,7 @@ bool ClaimPeriod(int64_t* p_last_av, int64_t i64_now_av, int64_t i64_period_av) 
 }
 
 void PeriodicJobs(CWriteBuffering* p_av, int32_t i_slot_av, TWaitStat* p_wd_av) {
-  int64_t i64_now_lv = NowLocal();
+  int64_t i64_now_lv = FileTimeNowLocalI64();
   MemChecker* p_mem_lv = g_p_mem_checker;
   if (p_mem_lv != nullptr) {
     int64_t* p_scan_lv = reinterpret_cast<int64_t*>(&p_mem_lv->m_ui64_last_scan_time);
@@ -158,7 +156,7 @@ int32_t StartThreadWriteBuffering(CWriteBuffering* p_av) {
 
 void ThreadWriteBufferingMethod(CWriteBuffering* p_av) {
   CommonLine("<thread>ArchiveWriteBuffering cam %lld started", CameraId(p_av));
-  int64_t i64_last_live_lv = NowLocal();
+  int64_t i64_last_live_lv = FileTimeNowLocalI64();
   uint8_t ui_saved_hook_lv = HookGet();
   HookSet(HOOK_IN_PLUGIN);
   char s_name_lv[32];

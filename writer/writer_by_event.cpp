@@ -261,8 +261,6 @@ void EventMsgRead(ProfileParam* p_params_av, SafeString* p_key_av, TEventMsg* p_
 
 namespace {
 
-int64_t NowLocal() { return static_cast<int64_t>(FileTimeNowLocal()); }
-
 void RemoveGuid(TEventElem* p_elem_av, const char* s_guid_av) {
   CListOur* p_guids_lv = p_elem_av->guids;
   PlCritLock lock_lv(&p_guids_lv->m_crit_sect);
@@ -288,7 +286,7 @@ void CorrectStart(long long i64_cam_av, int32_t i_index_av, TEventElem* p_elem_a
       Add32(p_on_av, 1);
     }
     p_elem_av->dur_pres = b_dur_pres_av != 0 ? 1 : 0;
-    p_elem_av->dur_mark = b_dur_pres_av != 0 ? MarkAfter(NowLocal(), i64_dur_av) : 0;
+    p_elem_av->dur_mark = b_dur_pres_av != 0 ? MarkAfter(FileTimeNowLocalI64(), i64_dur_av) : 0;
   } else {
     Add32(p_on_av, 1);
     Add32(&p_elem_av->m_i_counter, 1);
@@ -411,7 +409,7 @@ void on_profile_events(void* p_user_av, ProfileParam* p_params_av) {
 // the source is asked for frames only when it had stopped.
 void OnEvent_Vart2(CWriterByEvent* p_av) {
   CWriter* p_writer_lv = p_av->m_p_writer;
-  int64_t i64_now_lv = NowLocal();
+  int64_t i64_now_lv = FileTimeNowLocalI64();
   AtomicPut(&p_av->m_b_event_accepted, 1);
   TRACE44(TLOG_ARC_TRACEDECIM, "<%lld_by_ev> OnEvent_Vart2", CamId(p_av));
   if (AtomicGet(&p_av->post_write) >= i64_now_lv - AtomicGet(&p_av->m_i64_last_reset)) return;
@@ -425,7 +423,7 @@ void OnEvent_Vart2(CWriterByEvent* p_av) {
 void OnResetEvent(CWriterByEvent* p_av) {
   AtomicPut(&p_av->m_b_event_accepted, 0);
   TRACE44(TLOG_ARC_TRACEDECIM, "<%lld_by_ev> OnResetEvent", CamId(p_av));
-  AtomicPut(&p_av->m_i64_last_reset, NowLocal());
+  AtomicPut(&p_av->m_i64_last_reset, FileTimeNowLocalI64());
 }
 
 void RefreshStateByCounter(CWriterByEvent* p_av) {
@@ -538,7 +536,7 @@ int32_t TakeExpiredForced(CListOur* p_list_av, int64_t i64_now_av) {
 
 int32_t DetectCondish_Vart2(CWriterByEvent* p_av) {
   if (AtomicGet(&p_av->m_b_event_accepted) != 0) return 1;
-  int64_t i64_since_lv = NowLocal() - AtomicGet(&p_av->m_i64_last_reset);
+  int64_t i64_since_lv = FileTimeNowLocalI64() - AtomicGet(&p_av->m_i64_last_reset);
   return i64_since_lv < AtomicGet(&p_av->post_write) ? 1 : 0;
 }
 
@@ -547,7 +545,7 @@ int32_t DetectCondish_Vart2(CWriterByEvent* p_av) {
 int32_t NeedWriteCommonCondish(CWriter* p_writer_av) {
   if (p_writer_av->m_camera_info_w != nullptr && AtomicGet(&p_writer_av->m_camera_info_w->m_b_write_off) != 0) return 0;
   if (AtomicGet(&p_writer_av->m_i_write_flag) == 0) return 1;
-  return NowLocal() > AtomicGet(&p_writer_av->m_i64_last_need_time) + I64_LATCH_PAUSE ? 1 : 0;
+  return FileTimeNowLocalI64() > AtomicGet(&p_writer_av->m_i64_last_need_time) + I64_LATCH_PAUSE ? 1 : 0;
 }
 
 // A limit can overrun by the 10 s pace of the check, and only frames run
@@ -557,7 +555,7 @@ int32_t NeedWriteCommonCondish(CWriter* p_writer_av) {
 // to the list's lock.
 void CheckForcedDuration(CWriterByEvent* p_av, int32_t i_slot_av) {
   if (!ByEvents(p_av)) return;
-  int64_t i64_now_lv = NowLocal();
+  int64_t i64_now_lv = FileTimeNowLocalI64();
   if (p_av->m_i64_last_dur_check + I64_FORCED_CHECK_PERIOD >= i64_now_lv) return;
   p_av->m_i64_last_dur_check = i64_now_lv;
   int32_t i_expired_lv = TakeExpiredForced(&p_av->m_list_events, i64_now_lv);
@@ -581,7 +579,7 @@ int32_t NeedWrite(CWriterByEvent* p_av, int32_t i_slot_av) {
   if (b_common_lv != 0 && b_gate_lv != 0) b_result_lv = b_by_event_lv == 0 || b_prev_lv != 0 || b_detect_lv != 0;
   long long i64_cam_lv = static_cast<long long>(InfoCamId(p_writer_lv->m_camera_info_w));
   if (b_result_lv != 0) {
-    AtomicPut(&p_writer_lv->m_i64_last_need_time, NowLocal());
+    AtomicPut(&p_writer_lv->m_i64_last_need_time, FileTimeNowLocalI64());
   } else {
     TRACE45(TLOG_ARC_TRACE, TSEV_TRACE,
             "<sched2%lld> !NeedWriteCommonCondish %dwrite_by_event %dIsPrevWrite %dDetectCondish_Vart2 %dm_b_state "

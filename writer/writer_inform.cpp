@@ -21,8 +21,6 @@ namespace {
 
 const int32_t I_SIGN_INFORM = 4801;
 
-int64_t NowLocal() { return static_cast<int64_t>(FileTimeNowLocal()); }
-
 // What the judges read of the channel's configuration, copied under the
 // channel's lock because a reconfiguration may replace these texts.
 struct TInformKeys {
@@ -130,7 +128,7 @@ void IAmLive(CWriteBuffering* p_av, int32_t i_slot_av) {
   StableMark(i_slot_av, 22161);
   TCameraInfoW* p_info_lv = p_av->m_p_camera_info;
   CWriter* p_writer_lv = p_av->m_p_writer;
-  TLiveSignals sig_lv = {NowLocal(), 0, 0, 0, 0, 0, 0};
+  TLiveSignals sig_lv = {FileTimeNowLocalI64(), 0, 0, 0, 0, 0, 0};
   StableMark(i_slot_av, 22162);
   // A clock that went back brings the run forward.
   if (p_info_lv == nullptr || p_writer_lv == nullptr ||
@@ -142,7 +140,7 @@ void IAmLive(CWriteBuffering* p_av, int32_t i_slot_av) {
   StableMark(i_slot_av, 22163);
   sig_lv.b_restart_conf = ArcGetParams(-1, 116) != 0 ? 1 : 0;
   p_av->m_i64_last_i_am_live = sig_lv.m_i64_now;
-  sig_lv.b_no_sign = AtomicGet(&p_writer_lv->m_status.m_i64_last_source_stat) + I64_JUDGE_PERIOD < NowLocal() ? 1 : 0;
+  sig_lv.b_no_sign = AtomicGet(&p_writer_lv->m_status.m_i64_last_source_stat) + I64_JUDGE_PERIOD < FileTimeNowLocalI64() ? 1 : 0;
   sig_lv.m_i_handle = InfoWriteHandle(p_info_lv);
   TRACE44(TLOG_ARC_TRACE, "<%lld_%lld> IAmLive bef GetParamsByTypeReqWrite wr handle %d",
           static_cast<long long>(InfoCamId(p_info_lv)), static_cast<long long>(p_writer_lv->m_i64_type_id),
@@ -161,13 +159,13 @@ void IAmLive(CWriteBuffering* p_av, int32_t i_slot_av) {
 void WriteErrorStatusFormation_Vart2(CWriteBuffering* p_av) {
   CWriter* p_writer_lv = p_av->m_p_writer;
   if (p_writer_lv == nullptr || p_av->m_p_camera_info == nullptr) return;
-  int64_t i64_now_lv = NowLocal();
+  int64_t i64_now_lv = FileTimeNowLocalI64();
   AtomicPut(&p_writer_lv->m_status.m_i64_buff_thread_last_itter, i64_now_lv);
   if (!(p_av->m_i64_last_error_status + I64_JUDGE_PERIOD < i64_now_lv)) return;
   p_av->m_i64_last_error_status = i64_now_lv;
   int64_t i64_last_write_lv = ArcGetReq(InfoWriteHandle(p_av->m_p_camera_info), 114);
   int32_t b_no_signal_lv =
-      AtomicGet(&p_writer_lv->m_status.m_i64_last_source_stat) + I64_JUDGE_PERIOD < NowLocal() ? 1 : 0;
+      AtomicGet(&p_writer_lv->m_status.m_i64_last_source_stat) + I64_JUDGE_PERIOD < FileTimeNowLocalI64() ? 1 : 0;
   int32_t b_marking_process_lv = ArcGetParams(-1, 128) != 0 ? 1 : 0;
   int32_t b_marking_err_lv = ArcGetParams(-1, 129) != 0 ? 1 : 0;
   int32_t b_no_error_lv = FindOutNoError(p_av, i64_last_write_lv, b_no_signal_lv, b_marking_process_lv, b_marking_err_lv);
@@ -186,7 +184,7 @@ void WriteErrorStatusFormation_Vart2(CWriteBuffering* p_av) {
 
 int32_t FindOutNoError(CWriteBuffering* p_av, int64_t i64_last_write_av, int32_t b_no_signal_av,
                        int32_t b_marking_process_av, int32_t b_marking_err_av) {
-  int32_t b_error_write_lv = i64_last_write_av + I64_WRITE_STALL < NowLocal() ? 1 : 0;
+  int32_t b_error_write_lv = i64_last_write_av + I64_WRITE_STALL < FileTimeNowLocalI64() ? 1 : 0;
   // A silent source is no writing error, and while the archive marks,
   // writes may pause.
   int32_t b_result_lv = 1;
@@ -208,7 +206,7 @@ int32_t FindOutNoError(CWriteBuffering* p_av, int64_t i64_last_write_av, int32_t
 }
 
 int32_t FindOutError(CWriteBuffering* p_av) {
-  int64_t i64_now_lv = NowLocal();
+  int64_t i64_now_lv = FileTimeNowLocalI64();
   if (p_av->m_b_error_timer_armed == 0) {
     p_av->m_b_error_timer_armed = 1;
     p_av->m_i64_error_since = i64_now_lv;
@@ -328,7 +326,7 @@ void StatTrace(bool b_after_av, int64_t i64_cam_id_av, int32_t i_ind_av, int64_t
 
 // The marking run is asked once per report: it excuses a standing thread.
 void ReportNowTake(TReportNow* p_av) {
-  p_av->m_i64_now = NowLocal();
+  p_av->m_i64_now = FileTimeNowLocalI64();
   ClockText(p_av->m_i64_now, p_av->m_s_curr);
   p_av->m_b_marking_process = ArcGetParams(-1, 128) != 0 ? 1 : 0;
   p_av->m_b_marking_err = ArcGetParams(-1, 129) != 0 ? 1 : 0;
@@ -464,7 +462,7 @@ TBuffFillStat::~TBuffFillStat() {}
 void StatGen(TBuffFillStat* p_ring_av, int64_t i64_cam_id_av, int32_t i_ind_av, int32_t i_count_av) {
   if (p_ring_av == nullptr) return;
   PlCritLock lock_lv(&p_ring_av->m_crit_sect);
-  int64_t i64_now_lv = NowLocal();
+  int64_t i64_now_lv = FileTimeNowLocalI64();
   if (p_ring_av->m_i_max < i_count_av) p_ring_av->m_i_max = i_count_av;
   int32_t b_changed_lv = i64_now_lv / I64_TICKS_PER_SECOND != p_ring_av->m_i64_last_time / I64_TICKS_PER_SECOND ? 1 : 0;
   bool b_trace_lv = LogTraceWanted(TLOG_ARC_TRACE);
@@ -493,7 +491,7 @@ void StatusFromInformCam(const SafeString* p_filter5_av, const char* s_view_av, 
 // the error list looks like without an error.
 void ErrorFromInformCam(int64_t* p_total_av, std::vector<std::string>* p_lines_av, int32_t i_slot_av) {
   CWriterGlobal* p_global_lv = g_p_writer_global;
-  int64_t i64_now_lv = NowLocal();
+  int64_t i64_now_lv = FileTimeNowLocalI64();
   bool b_all_lv = p_global_lv != nullptr && AtomicGet(&p_global_lv->m_b_work_mode_150204) != 0;
   for (int32_t i_lv = 0; p_global_lv != nullptr && i_lv < p_global_lv->m_list_writers.m_i_count; i_lv++) {
     CWriter* p_writer_lv = static_cast<CWriter*>(CListOurGet(&p_global_lv->m_list_writers, i_lv));

@@ -63,8 +63,6 @@ void Mark(TWaitStat* p_wd_av, int32_t i_group_av, int32_t i_point_av, int32_t i_
   StableMark(p_wd_av->m_i_stable_slot, i_point_av);
 }
 
-int64_t NowLocal() { return static_cast<int64_t>(FileTimeNowLocal()); }
-
 void UtcText(int64_t i64_micros_av, char* s_out_av) {
   FileTimeToText((static_cast<uint64_t>(i64_micros_av) + UI64_EPOCH_MICROS) * 10ULL, s_out_av);
 }
@@ -225,14 +223,14 @@ void LogTimes(CWriter* p_av, int64_t i64_orig_av, int64_t i64_now_av) {
     UtcText(i64_orig_av, s_orig_lv);
     UtcText(p_av->m_i64_time, s_corr_lv);
     FileTimeToText(PlFileTimeUtc(), s_syst_lv);
-    int64_t i64_current_lv = NowLocal();
+    int64_t i64_current_lv = FileTimeNowLocalI64();
     TRACE45(TLOG_ARC_TRACE, TSEV_TRACE, "<%lld>on frame %lld orig %s corr %s syst univ %s currt %lld, prevt %lld",
             i64_cam_lv, static_cast<long long>(p_av->m_i64_time), s_orig_lv, s_corr_lv, s_syst_lv,
             static_cast<long long>(i64_current_lv / 10000),
             static_cast<long long>(p_av->m_i64_prev_local_time / 10000));
     p_av->m_i64_prev_local_time = i64_current_lv;
   } else {
-    p_av->m_i64_prev_local_time = NowLocal();
+    p_av->m_i64_prev_local_time = FileTimeNowLocalI64();
   }
   AtomicPut(&p_av->m_status.m_i64_last_source_stat, i64_now_av);
   if (!LogTraceWanted(TLOG_ARC_TRACE)) return;
@@ -399,7 +397,7 @@ void FCCToDataType(uint32_t ui_fcc_av, char* s_out_av) {
 void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av) {
   int32_t i_slot_lv = p_wd_av != nullptr ? p_wd_av->m_i_stable_slot : -1;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20121, 1);
-  int64_t i64_now_lv = NowLocal();
+  int64_t i64_now_lv = FileTimeNowLocalI64();
   long long i64_cam_lv = static_cast<long long>(InfoCamId(p_av->m_camera_info_w));
   TRACE44(TLOG_ARC_TRACE, "<%lld>start on frame prishel kadr", i64_cam_lv);
   TRACE44(TLOG_ARC_TRACE, "<profdata%lld>start on frame prishel kadr", i64_cam_lv);
@@ -445,7 +443,7 @@ void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av
 }
 
 void FrameHashLog(CWriter* p_av) {
-  int64_t i64_now_lv = NowLocal();
+  int64_t i64_now_lv = FileTimeNowLocalI64();
   if (i64_now_lv > AtomicGet(&g_i64_hash_log_mark) + I64_HASH_LEVEL_REFRESH) {
     AtomicPut(&g_i64_hash_log_mark, i64_now_lv);
     LogRefreshLevels();
@@ -518,7 +516,7 @@ void on_frame(void* p_user_av, ProfileParam* p_params_av) {
   if (p_params_av != nullptr)
     for (ProfileParam* p_lv = p_params_av; p_lv->type != PP_END; p_lv++)
       if (Is(p_lv, "frame", PP_LIST)) on_frame_level1(p_av, static_cast<ProfileParam*>(p_lv->value), p_wd_lv);
-  int64_t i64_now_lv = NowLocal();
+  int64_t i64_now_lv = FileTimeNowLocalI64();
   if (i64_now_lv > p_av->m_i64_last_stat_print + I64_STAT_PRINT_PERIOD) {
     WaitStatPrint(p_wd_lv, 1, InfoCamId(p_av->m_camera_info_w), p_av->m_i64_type_id);
     p_av->m_i64_last_stat_print = i64_now_lv;

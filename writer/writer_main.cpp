@@ -46,13 +46,6 @@ void ArchiveSet(int32_t i_code_av, int64_t i64_id_av, int64_t i64_value_av) {
   if (g_archive.SetParamsByType != nullptr) g_archive.SetParamsByType(i_code_av, i64_id_av, i64_value_av);
 }
 
-// The handle is taken out whole before the close: the schedule engine's
-// thread may read the status track's handle at any time to ask for frames.
-void CloseTrack(TrackHandle* p_h_av) {
-  TrackHandle h_lv = __atomic_exchange_n(p_h_av, 0, __ATOMIC_ACQ_REL);
-  if (h_lv != 0) profile_close(h_lv);
-}
-
 // The camera ids from the arc keys, with their trace lines.
 void ComputeIds(TCameraInfoW* p_info_av) {
   SafeString name_lv;
@@ -340,9 +333,9 @@ void WriterOpen(CWriter* p_av, ProfileParam* p_params_av) {
 }
 
 void WriterCloseTracks(CWriter* p_av) {
-  CloseTrack(&p_av->m_h_track_frames);
-  CloseTrack(&p_av->m_h_track_status);
-  CloseTrack(&p_av->m_by_event.m_h_track_event);
+  BusTrackClose(&p_av->m_h_track_frames);
+  BusTrackClose(&p_av->m_h_track_status);
+  BusTrackClose(&p_av->m_by_event.m_h_track_event);
   int64_t i64_id3_lv = p_av->m_camera_info_w->m_i64_id3;
   ArchiveSet(Code(p_av, I_CODE_START_VIDEO, I_CODE_START_AUDIO), i64_id3_lv, -1);
   if (g_p_writer_global != nullptr) CListOurRemove(&g_p_writer_global->m_list_writers, p_av);
@@ -396,8 +389,8 @@ void ApplyTracks(CWriter* p_av, const TWriterConfig* p_cfg_av) {
   if (!KeysDiffer(p_info_lv->m_s_common_keys, p_cfg_av->m_s_common_keys) &&
       TextEqual(&p_info_lv->m_s_in, &p_cfg_av->m_s_in))
     return;
-  CloseTrack(&p_av->m_h_track_frames);
-  CloseTrack(&p_av->m_h_track_status);
+  BusTrackClose(&p_av->m_h_track_frames);
+  BusTrackClose(&p_av->m_h_track_status);
   OpenTrack(p_av, p_cfg_av->m_s_common_keys, &p_cfg_av->m_s_in);
   for (int i_lv = 0; i_lv < 5; i_lv++) TextSet(&p_info_lv->m_s_common_keys[i_lv], &p_cfg_av->m_s_common_keys[i_lv]);
 }
@@ -412,7 +405,7 @@ void ApplyByEvents(CWriter* p_av, bool b_by_events_av) {
   }
   AtomicPut(&p_info_lv->m_b_write_by_event, 0);
   if (p_info_lv->m_i_view_prior == 0) p_info_lv->m_i_view_prior = 1;
-  CloseTrack(&p_av->m_by_event.m_h_track_event);
+  BusTrackClose(&p_av->m_by_event.m_h_track_event);
 }
 
 }  // namespace

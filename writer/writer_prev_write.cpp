@@ -50,8 +50,6 @@ void Write64(uint8_t* pb_av, int64_t i64_av) {
 
 long long Cam(const CPrevWrite* p_av) { return static_cast<long long>(p_av->m_i64_camera_id); }
 
-int64_t NowLocal() { return static_cast<int64_t>(FileTimeNowLocal()); }
-
 int64_t PrevSpan(const CPrevWrite* p_av) {
   return p_av->m_p_owner != nullptr ? AtomicGet(&p_av->m_p_owner->m_by_event.prev_write) : 0;
 }
@@ -60,7 +58,7 @@ int64_t PrevSpan(const CPrevWrite* p_av) {
 // span. Held at the range's end for any configured span.
 int64_t SpanBound(const CPrevWrite* p_av) {
   int64_t i64_bound_lv = 0;
-  if (__builtin_sub_overflow(NowLocal(), PrevSpan(p_av), &i64_bound_lv)) i64_bound_lv = INT64_MIN;
+  if (__builtin_sub_overflow(FileTimeNowLocalI64(), PrevSpan(p_av), &i64_bound_lv)) i64_bound_lv = INT64_MIN;
   return i64_bound_lv;
 }
 

@@ -37,12 +37,6 @@ yajl_val ObjectGet(yajl_val obj_av, const char* s_key_av) {
   return nullptr;
 }
 
-void CloseTrack(TrackHandle* p_h_av) {
-  if (*p_h_av == 0) return;
-  profile_close(*p_h_av);
-  *p_h_av = 0;
-}
-
 long long CamId(const WriterSchedule* p_av) {
   if (p_av->m_p_writer == nullptr || p_av->m_p_writer->m_camera_info_w == nullptr) return -1;
   return static_cast<long long>(InfoCamId(p_av->m_p_writer->m_camera_info_w));
@@ -77,13 +71,13 @@ WriterSchedule::WriterSchedule(CWriter* p_writer_av)
       m_p_writer(p_writer_av) {}
 
 WriterSchedule::~WriterSchedule() {
-  CloseTrack(&m_h_track_schedule_in);
+  BusTrackClose(&m_h_track_schedule_in);
   if (m_h_track_schedule_out != 0) {
     TRACE44(TLOG_ARC_TRACEDECIM, "<core> track_schedule_out close");
-    CloseTrack(&m_h_track_schedule_out);
+    BusTrackClose(&m_h_track_schedule_out);
   }
-  CloseTrack(&m_h_spare[0]);
-  CloseTrack(&m_h_spare[1]);
+  BusTrackClose(&m_h_spare[0]);
+  BusTrackClose(&m_h_spare[1]);
   int32_t i_task_lv = AtomicGet(&m_i_task_id);
   if (i_task_lv < 0) return;
   TRACE44(TLOG_ARC_TRACEDECIM, "<%lld_sched> bef unregisterTask task %d", CamId(this), i_task_lv);
@@ -147,11 +141,11 @@ void LoadFromParams(WriterSchedule* p_av, ProfileParam* p_params_av) {
 
 void LoadFromNode(WriterSchedule* p_av, yajl_val node_av) {
   if (node_av == nullptr) return;
-  CloseTrack(&p_av->m_h_track_schedule_in);
+  BusTrackClose(&p_av->m_h_track_schedule_in);
   p_av->m_h_track_schedule_in = profile_open("track_schedule_in", nullptr, __FILE__, __LINE__);
   if (p_av->m_h_track_schedule_out != 0) {
     TRACE44(TLOG_ARC_TRACEDECIM, "<core> track_schedule_out close");
-    CloseTrack(&p_av->m_h_track_schedule_out);
+    BusTrackClose(&p_av->m_h_track_schedule_out);
   }
   TRACE44(TLOG_ARC_TRACEDECIM, "<core> track_schedule_out open");
   ProfileCallback cb_lv = {p_av, reinterpret_cast<void*>(&WriterSchedule::on_schedule_out)};

@@ -24,3 +24,11 @@ inline void HookSet(uint8_t ui_value_av) {
 // profile_data and core_profile_data with the hook at 49 for the call.
 void BusData(TrackHandle h_track_av, ProfileParam* p_params_av);
 void BusCoreData(TrackHandle h_track_av, ProfileParam* p_params_av);
+
+// Closes a track and zeroes its handle. The handle is taken out whole
+// first: another thread (the schedule engine asking for frames) may read
+// it at any time.
+inline void BusTrackClose(TrackHandle* p_h_av) {
+  TrackHandle h_lv = __atomic_exchange_n(p_h_av, 0, __ATOMIC_ACQ_REL);
+  if (h_lv != 0) profile_close(h_lv);
+}

@@ -60,6 +60,8 @@ int32_t PathJoin(char* s_out_av, const char* s_dir_av, const char* s_name_av);
 
 // Present local time in ticks.
 uint64_t FileTimeNowLocal();
+// The same as a signed tick count, the form time arithmetic uses.
+inline int64_t FileTimeNowLocalI64() { return static_cast<int64_t>(FileTimeNowLocal()); }
 // "%04d.%02d.%02d %02d:%02d:%02d:%03d" of the ticks, into a buffer of at
 // least FILE_TIME_TEXT_SIZE bytes.
 void FileTimeToText(uint64_t ui64_ticks_av, char* s_buf_av);
