@@ -9,8 +9,8 @@
 
 #include "linux/common_use/yajl_host.h"
 #include "platform/pl_clock.h"
-#include "writer/writer_atomic.h"
-#include "writer/writer_stability.h"
+#include "linux/common_use/temp/atomic_field.h"
+#include "linux/common_use/service/entry_scope.h"
 
 namespace kelmar_schedule {
 

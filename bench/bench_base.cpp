@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/service/Stable.h"
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "platform/pl_clock.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_buffering.h"
 #include "writer/writer_global.h"
 #include "writer/writer_main.h"

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "host/include/archive_api.h"
+#include "include/host/archive_api.h"
 #include "platform/pl_clock.h"
 
 namespace archive_test {

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <thread>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "platform/pl_sync.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <fstream>
 
-#include "host/include/log_api.h"
+#include "include/host/log_api.h"
 #include "linux/common_use/config.h"
 #include "linux/common_use/service/service2.h"
 #include "platform/pl_clock.h"

@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/config.h"
 #include "linux/common_use/service/service2.h"
 #include "platform/pl_clock.h"

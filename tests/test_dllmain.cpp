@@ -1,9 +1,9 @@
 // The plug-in as the host sees it: libwriter.so loaded beside the reference
 // bus, log and archive, driven through its six exports, and checked through
 // the archive's record of calls, the bus and the log files.
-#include "host/include/archive_api.h"
-#include "host/include/core_api.h"
-#include "host/include/log_api.h"
+#include "include/host/archive_api.h"
+#include "include/host/core_api.h"
+#include "include/host/log_api.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
 #include "tests/test_text_util.h"

@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/include/log_api.h"
+#include "include/host/log_api.h"
 #include "platform/pl_clock.h"
 #include "tests/test_text_util.h"
 

@@ -1,6 +1,6 @@
 // The plug-in's trace functions, site records and "log_status" report,
 // driven against the reference logging library.
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/config.h"
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/temp/tools.h"

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "host/include/core_api.h"
-#include "host/include/log_api.h"
+#include "include/host/core_api.h"
+#include "include/host/log_api.h"
 #include "linux/common_use/service/Stable.h"
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"

@@ -7,8 +7,8 @@
 
 #include <string>
 
-#include "host/include/core_api.h"
-#include "host/include/log_api.h"
+#include "include/host/core_api.h"
+#include "include/host/log_api.h"
 
 template <typename T>
 T Sym(void* lib, const char* name) {

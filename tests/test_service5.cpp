@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/core_bus.h"
 
 namespace {

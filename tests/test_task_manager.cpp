@@ -11,7 +11,7 @@
 
 #include "Schedule/TaskManager.h"
 #include "platform/pl_clock.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <thread>
 
-#include "host/include/log_api.h"
+#include "include/host/log_api.h"
 #include "linux/common_use/config.h"
 #include "linux/common_use/service/service2.h"
 #include "tests/test_text_util.h"

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/test_archive_util.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_buffering.h"
 #include "writer/writer_global.h"
 #include "writer/writer_main.h"

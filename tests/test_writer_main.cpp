@@ -2,7 +2,7 @@
 // archive, and the per-element reading of several documents.
 #include "writer/writer_global.h"
 #include "writer/writer_main.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 
 #include <string>
 #include <vector>

@@ -13,9 +13,9 @@
 #include <gtest/gtest.h>
 
 #include "host/archive/arc_reader.h"
-#include "host/include/archive_api.h"
-#include "host/include/core_api.h"
-#include "host/include/log_api.h"
+#include "include/host/archive_api.h"
+#include "include/host/core_api.h"
+#include "include/host/log_api.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
 #include "tests/test_text_util.h"

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <fstream>
 
-#include "host/include/log_api.h"
+#include "include/host/log_api.h"
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"
 #include "tests/test_text_util.h"

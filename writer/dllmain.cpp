@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "Schedule/TaskManager.h"
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/config.h"
 #include "linux/common_use/core_bus.h"
 #include "linux/common_use/service/Stable.h"
@@ -15,7 +15,7 @@
 #include "writer/dllmain2.h"
 #include "writer/writer_global.h"
 #include "writer/writer_main.h"
-#include "writer/writer_stability.h"
+#include "linux/common_use/service/entry_scope.h"
 
 #define WRITER_EXPORT extern "C" __attribute__((visibility("default")))
 

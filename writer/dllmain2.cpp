@@ -6,7 +6,7 @@
 #include "linux/common_use/core_bus.h"
 #include "linux/common_use/service/service2.h"
 #include "writer/writer_parcer.h"
-#include "writer/writer_stability.h"
+#include "linux/common_use/service/entry_scope.h"
 #include "writer/writer_web_service.h"
 
 ProfileParam g_fish_types[2] = {{PP_STRING, "fish_types", const_cast<char*>(S_FISH_TYPES)}, {PP_END, nullptr, nullptr}};

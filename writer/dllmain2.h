@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/temp/tools.h"
 
 // Reply callback forms handed to dll_exec.

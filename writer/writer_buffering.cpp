@@ -9,7 +9,7 @@
 #include "linux/common_use/service/Stable.h"
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/temp/tools.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_global.h"
 #include "writer/writer_main.h"
 #include "writer/writer_process.h"

@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/diagnostic.h"
 #include "platform/pl_sync.h"
 #include "platform/pl_thread.h"

@@ -14,13 +14,13 @@
 #include "linux/common_use/service/service4.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_events_registrator.h"
 #include "writer/writer_forced.h"
 #include "writer/writer_global.h"
 #include "writer/writer_main.h"
 #include "writer/writer_prev_write.h"
-#include "writer/writer_stability.h"
+#include "linux/common_use/service/entry_scope.h"
 
 namespace {
 const int32_t I_SIGN_EVENT_ELEM = 4101;

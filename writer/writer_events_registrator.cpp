@@ -13,7 +13,7 @@
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"
 #include "writer/writer_global.h"
-#include "writer/writer_stability.h"
+#include "linux/common_use/service/entry_scope.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/temp/clist.h"
 #include "linux/common_use/temp/tools.h"
 #include "writer/writer_by_event.h"

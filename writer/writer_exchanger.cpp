@@ -6,9 +6,9 @@
 
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_main.h"
-#include "writer/writer_stability.h"
+#include "linux/common_use/service/entry_scope.h"
 
 namespace {
 

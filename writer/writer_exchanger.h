@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/temp/tools.h"
 
 class CWriter;

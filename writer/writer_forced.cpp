@@ -11,11 +11,11 @@
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service5.h"
 #include "linux/common_use/temp/tools.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_global.h"
 #include "writer/writer_main.h"
 #include "writer/writer_parcer.h"
-#include "writer/writer_stability.h"
+#include "linux/common_use/service/entry_scope.h"
 
 const char* const S_FORCED_ANSWER_OK = "<result cause=\"0\"></result>";
 const char* const S_FORCED_ANSWER_NOT_AVAILABLE =

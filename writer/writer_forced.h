@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/profile_common.h"
 #include "linux/common_use/temp/tools.h"
 

@@ -7,8 +7,8 @@
 
 #include <cstdint>
 
-#include "host/include/archive_api.h"
-#include "host/include/core_api.h"
+#include "include/host/archive_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/diagnostic.h"
 #include "linux/common_use/profile_common.h"
 #include "linux/common_use/temp/clist.h"

@@ -12,7 +12,7 @@
 #include "linux/common_use/service/service5.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_buffering.h"
 #include "writer/writer_global.h"
 #include "writer/writer_main.h"

@@ -12,14 +12,14 @@
 #include "linux/common_use/service/service4.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_buffering.h"
 #include "writer/writer_by_event.h"
 #include "writer/writer_exchanger.h"
 #include "writer/writer_global.h"
 #include "writer/writer_main.h"
 #include "writer/writer_process.h"
-#include "writer/writer_stability.h"
+#include "linux/common_use/service/entry_scope.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/diagnostic.h"
 
 class CWriter;

@@ -10,7 +10,7 @@
 #include "linux/common_use/service/service4.h"
 #include "writer/writer_exchanger.h"
 #include "writer/writer_global.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_parcer.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"
 #include "linux/common_use/temp/tools.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_buffering.h"
 #include "writer/writer_by_event.h"
 #include "writer/writer_global.h"

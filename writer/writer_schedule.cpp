@@ -11,9 +11,9 @@
 #include "linux/common_use/core_bus.h"
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/yajl_host.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_main.h"
-#include "writer/writer_stability.h"
+#include "linux/common_use/service/entry_scope.h"
 
 using kelmar_schedule::g_p_task_manager;
 

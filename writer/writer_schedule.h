@@ -11,7 +11,7 @@
 
 #include <yajl/yajl_tree.h>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 
 class CWriter;
 

@@ -19,12 +19,12 @@
 #include "linux/common_use/service/Stable.h"
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/temp/tools.h"
-#include "writer/writer_atomic.h"
+#include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_buffer.h"
 #include "writer/writer_events_registrator.h"
 #include "writer/writer_global.h"
 #include "writer/writer_inform.h"
-#include "writer/writer_stability.h"
+#include "linux/common_use/service/entry_scope.h"
 #include "writer/writer_web_service_help.h"
 
 namespace {

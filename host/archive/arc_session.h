@@ -16,7 +16,7 @@
 
 #include "host/archive/arc_config.h"
 #include "host/archive/arc_store.h"
-#include "host/include/archive_api.h"
+#include "include/host/archive_api.h"
 
 #define ARC_EXPORT extern "C" __attribute__((visibility("default")))
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "host/archive/arc_format.h"
-#include "host/include/archive_api.h"
+#include "include/host/archive_api.h"
 #include "platform/pl_clock.h"
 
 namespace warc {

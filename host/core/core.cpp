@@ -9,7 +9,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 
 namespace {
 

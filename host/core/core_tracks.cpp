@@ -27,7 +27,7 @@
 #include <vector>
 #include <atomic>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The reference logging library `log` (liblog.so): named loggers, each
 // writing whole lines to its own file in the folder the host program gives,
 // with thresholds from defaults, a configuration file and run-time changes.
-// Plug-ins call it through the ABI of host/include/log_api.h.
-#include "host/include/log_api.h"
+// Plug-ins call it through the ABI of include/host/log_api.h.
+#include "include/host/log_api.h"
 
 #include <algorithm>
 #include <atomic>

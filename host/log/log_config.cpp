@@ -1,5 +1,5 @@
 // Thresholds of the reference logging library: defaults and the parser of
-// the configuration file (format in host/include/log_api.h).
+// the configuration file (format in include/host/log_api.h).
 #include "host/log/log_config.h"
 
 #include <cerrno>

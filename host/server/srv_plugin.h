@@ -9,9 +9,9 @@
 #include <cstdint>
 #include <string>
 
-#include "host/include/archive_api.h"
-#include "host/include/core_api.h"
-#include "host/include/log_api.h"
+#include "include/host/archive_api.h"
+#include "include/host/core_api.h"
+#include "include/host/log_api.h"
 #include "host/server/srv_config.h"
 #include "host/server/srv_crash.h"
 

@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <string>
 
-#include "host/include/archive_api.h"
-#include "host/include/core_api.h"
+#include "include/host/archive_api.h"
+#include "include/host/core_api.h"
 #include "host/server/srv_config.h"
 #include "host/server/srv_media.h"
 #include "platform/pl_sync.h"

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "host/server/srv_config.h"
 #include "platform/pl_sync.h"
 #include "platform/pl_thread.h"

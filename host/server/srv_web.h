@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 
 struct SrvWebFront {
   TrackHandle m_h_list = 0;

@@ -1,8 +1,7 @@
-// The list of log sites an operator has subscribed to, the three queries
-// that change it and the one that shows it, and its saved file. The trace
-// functions (service2) bind sites to its elements; the query dispatch calls
-// LogStatusAdd, LogStatusDelete, LogStatusOff and LogStatusList; dll_init
-// loads the file, the buffering threads and dll_free save it.
+// The subscriptions of log sites as operators see them: the query that
+// shows the list, and its saved file. dll_init loads the file, the buffering
+// threads and dll_free save it. The list itself and the queries that change
+// it are in log_sites, below the trace functions this unit writes with.
 #include "linux/common_use/config.h"
 
 #include <errno.h>
@@ -17,14 +16,12 @@
 #include <string>
 #include <vector>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/service/Stable.h"
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/yajl_host.h"
 #include "platform/pl_os.h"
 #include "platform/pl_sync.h"
-
-CLogStatusList* g_p_log_status_list = nullptr;
 
 namespace {
 
@@ -57,15 +54,6 @@ const size_t UI_LOG_PIECE = 90;
 
 const char* TextOf(const SafeString* p_text_av) {
   return p_text_av != nullptr && p_text_av->m_p_text != nullptr ? p_text_av->m_p_text : "";
-}
-
-TLogStatusElem* ElemAt(CLogStatusList* p_list_av, int32_t i_index_av) {
-  return static_cast<TLogStatusElem*>(CListOurGet(&p_list_av->m_list, i_index_av));
-}
-
-// A site whose element goes away or off stops keeping its text at once.
-void SiteOff(TLogStatusElem* p_elem_av) {
-  if (p_elem_av->site != nullptr) __atomic_store_n(&p_elem_av->site->m_i_on, 0, __ATOMIC_RELAXED);
 }
 
 // One item of the "query_log_status" answer. The texts are written as they
@@ -152,99 +140,14 @@ void LoadedElemsReady(CLogStatusList* p_list_av) {
   {
     PlCritLock lock_lv(&p_list_av->m_list.m_crit_sect);
     for (int32_t i_lv = 0; i_lv < p_list_av->m_list.m_i_count; i_lv++) {
-      TLogStatusElem* p_elem_lv = ElemAt(p_list_av, i_lv);
+      TLogStatusElem* p_elem_lv = LogStatusElemAt(p_list_av, i_lv);
       if (p_elem_lv != nullptr) p_elem_lv->hash = LogStatusHash(TextOf(&p_elem_lv->log));
     }
   }
-  int64_t* p_version_lv = __atomic_load_n(&g_p_log_site_version, __ATOMIC_ACQUIRE);
-  if (p_version_lv != nullptr) PlAtomicAdd64(p_version_lv, 1);
+  LogSitesLookAgain();
 }
 
 }  // namespace
-
-TLogStatusElem::TLogStatusElem() : is_on(1), hash(0), site(nullptr), line(0) {}
-TLogStatusElem::~TLogStatusElem() {}
-
-CLogStatusList::CLogStatusList() : m_i64_last_save(0), m_b_all_off(0) {}
-
-CLogStatusList::~CLogStatusList() {
-  std::vector<TLogStatusElem*> elems_lv;
-  {
-    PlCritLock lock_lv(&m_list.m_crit_sect);
-    for (int32_t i_lv = 0; i_lv < m_list.m_i_count; i_lv++) {
-      TLogStatusElem* p_elem_lv = ElemAt(this, i_lv);
-      if (p_elem_lv == nullptr) continue;
-      SiteOff(p_elem_lv);
-      elems_lv.push_back(p_elem_lv);
-    }
-    CListOurClear(&m_list);
-  }
-  for (TLogStatusElem* p_elem_lv : elems_lv) delete p_elem_lv;
-}
-
-uint64_t LogStatusHash(const char* s_text_av) {
-  if (s_text_av == nullptr) s_text_av = "";
-  return StrHash64(s_text_av, static_cast<uint32_t>(strlen(s_text_av)));
-}
-
-void LogStatusAdd(CLogStatusList* p_list_av, const SafeString* p_text_av) {
-  if (p_list_av == nullptr) return;
-  // Made before the lock, which then covers the look-up alone.
-  TLogStatusElem* p_new_lv = new TLogStatusElem();
-  SafeStringAssign(&p_new_lv->log, TextOf(p_text_av), SIGN_LOG_TEXT);
-  p_new_lv->hash = LogStatusHash(TextOf(p_text_av));
-  {
-    PlCritLock lock_lv(&p_list_av->m_list.m_crit_sect);
-    TLogStatusElem* p_found_lv = nullptr;
-    for (int32_t i_lv = 0; i_lv < p_list_av->m_list.m_i_count && p_found_lv == nullptr; i_lv++) {
-      TLogStatusElem* p_elem_lv = ElemAt(p_list_av, i_lv);
-      if (p_elem_lv != nullptr && p_elem_lv->hash == p_new_lv->hash) p_found_lv = p_elem_lv;
-    }
-    if (p_found_lv == nullptr) {
-      if (CListOurAdd(&p_list_av->m_list, p_new_lv) >= 0) p_new_lv = nullptr;
-    } else {
-      p_found_lv->is_on = 1;
-    }
-  }
-  delete p_new_lv;
-  int64_t* p_version_lv = __atomic_load_n(&g_p_log_site_version, __ATOMIC_ACQUIRE);
-  if (p_version_lv != nullptr) PlAtomicAdd64(p_version_lv, 1);
-  LogStatusRecomputeAllOff(p_list_av);
-}
-
-void LogStatusDelete(CLogStatusList* p_list_av, const SafeString* p_text_av) {
-  if (p_list_av == nullptr) return;
-  uint64_t ui64_hash_lv = LogStatusHash(TextOf(p_text_av));
-  TLogStatusElem* p_gone_lv = nullptr;
-  {
-    PlCritLock lock_lv(&p_list_av->m_list.m_crit_sect);
-    for (int32_t i_lv = 0; i_lv < p_list_av->m_list.m_i_count && p_gone_lv == nullptr; i_lv++) {
-      TLogStatusElem* p_elem_lv = ElemAt(p_list_av, i_lv);
-      if (p_elem_lv != nullptr && p_elem_lv->hash == ui64_hash_lv) p_gone_lv = p_elem_lv;
-    }
-    if (p_gone_lv != nullptr) {
-      SiteOff(p_gone_lv);
-      CListOurRemove(&p_list_av->m_list, p_gone_lv);
-    }
-  }
-  delete p_gone_lv;
-  LogStatusRecomputeAllOff(p_list_av);
-}
-
-void LogStatusOff(CLogStatusList* p_list_av, const SafeString* p_text_av) {
-  if (p_list_av == nullptr) return;
-  uint64_t ui64_hash_lv = LogStatusHash(TextOf(p_text_av));
-  {
-    PlCritLock lock_lv(&p_list_av->m_list.m_crit_sect);
-    for (int32_t i_lv = 0; i_lv < p_list_av->m_list.m_i_count; i_lv++) {
-      TLogStatusElem* p_elem_lv = ElemAt(p_list_av, i_lv);
-      if (p_elem_lv == nullptr || p_elem_lv->hash != ui64_hash_lv) continue;
-      SiteOff(p_elem_lv);
-      p_elem_lv->is_on = 0;
-    }
-  }
-  LogStatusRecomputeAllOff(p_list_av);
-}
 
 void LogStatusList(SafeString* p_out_av, int32_t i_slot_av) {
   CLogStatusList* p_list_lv = g_p_log_status_list;
@@ -255,7 +158,7 @@ void LogStatusList(SafeString* p_out_av, int32_t i_slot_av) {
     PlCritLock lock_lv(&p_list_lv->m_list.m_crit_sect);
     StableMark(i_slot_av, POINT_LIST_START);
     for (int32_t i_lv = 0; i_lv < p_list_lv->m_list.m_i_count; i_lv++) {
-      TLogStatusElem* p_elem_lv = ElemAt(p_list_lv, i_lv);
+      TLogStatusElem* p_elem_lv = LogStatusElemAt(p_list_lv, i_lv);
       if (p_elem_lv == nullptr) continue;
       StableMark(i_slot_av, POINT_LIST_ITEM_START);
       items_lv.push_back(LogStatusListItem(p_elem_lv));
@@ -265,17 +168,6 @@ void LogStatusList(SafeString* p_out_av, int32_t i_slot_av) {
     StableMark(i_slot_av, POINT_LIST_END);
   }
   LinesJoin(&items_lv, i64_total_lv, S_JOIN_HEAD, S_JOIN_TAIL, p_out_av);
-}
-
-void LogStatusRecomputeAllOff(CLogStatusList* p_list_av) {
-  if (p_list_av == nullptr) return;
-  PlCritLock lock_lv(&p_list_av->m_list.m_crit_sect);
-  int32_t b_all_off_lv = 1;
-  for (int32_t i_lv = 0; i_lv < p_list_av->m_list.m_i_count && b_all_off_lv != 0; i_lv++) {
-    TLogStatusElem* p_elem_lv = ElemAt(p_list_av, i_lv);
-    if (p_elem_lv != nullptr && p_elem_lv->is_on != 0) b_all_off_lv = 0;
-  }
-  __atomic_store_n(&p_list_av->m_b_all_off, b_all_off_lv, __ATOMIC_RELAXED);
 }
 
 int32_t BuildSavePath(char* s_out_av, size_t ui_size_av, int32_t b_make_folder_av) {
@@ -366,7 +258,7 @@ void LogStatusFileText(CLogStatusList* p_list_av, std::string* p_out_av) {
   PlCritLock lock_lv(&p_list_av->m_list.m_crit_sect);
   size_t ui_texts_lv = UI_SAVE_MARKUP;
   for (int32_t i_lv = 0; i_lv < p_list_av->m_list.m_i_count; i_lv++) {
-    TLogStatusElem* p_elem_lv = ElemAt(p_list_av, i_lv);
+    TLogStatusElem* p_elem_lv = LogStatusElemAt(p_list_av, i_lv);
     if (p_elem_lv != nullptr) ui_texts_lv += strlen(TextOf(&p_elem_lv->log));
   }
   if (ui_texts_lv >= UI_SAVE_TEXTS_LIMIT) return;
@@ -374,7 +266,7 @@ void LogStatusFileText(CLogStatusList* p_list_av, std::string* p_out_av) {
   p_out_av->append("{\"query_log_status\":[\n");
   bool b_first_lv = true;
   for (int32_t i_lv = 0; i_lv < p_list_av->m_list.m_i_count; i_lv++) {
-    TLogStatusElem* p_elem_lv = ElemAt(p_list_av, i_lv);
+    TLogStatusElem* p_elem_lv = LogStatusElemAt(p_list_av, i_lv);
     if (p_elem_lv == nullptr) continue;
     if (!b_first_lv) p_out_av->append(",\n");
     b_first_lv = false;

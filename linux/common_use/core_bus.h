@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 
 const uint8_t HOOK_IN_PLUGIN = 40;
 const uint8_t HOOK_IN_BUS = 49;

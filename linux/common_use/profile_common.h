@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_sync.h"
 

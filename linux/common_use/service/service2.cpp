@@ -13,8 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "host/include/core_api.h"
-#include "linux/common_use/config.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/service/Stable.h"
 #include "linux/common_use/service/service4.h"
 #include "linux/common_use/temp/tools.h"
@@ -22,7 +21,6 @@
 #include "platform/pl_os.h"
 
 TLogBinding* g_p_log_common = nullptr;
-int64_t* g_p_log_site_version = nullptr;
 
 namespace {
 
@@ -279,23 +277,6 @@ std::string LogStatusItem(const TLogStatusElem* p_elem_av) {
 }
 
 }  // namespace
-
-// Runs at process exit too, when the memory checker may be gone already:
-// the block is then checked and released without the registry.
-CLastLogStatus::~CLastLogStatus() {
-  CLogStatusList* p_list_lv = g_p_log_status_list;
-  if (p_list_lv != nullptr) {
-    PlCritLock lock_lv(&p_list_lv->m_list.m_crit_sect);
-    for (int32_t i_lv = 0; i_lv < p_list_lv->m_list.m_i_count; i_lv++) {
-      TLogStatusElem* p_elem_lv = static_cast<TLogStatusElem*>(CListOurGet(&p_list_lv->m_list, i_lv));
-      if (p_elem_lv != nullptr && p_elem_lv->site == this) p_elem_lv->site = nullptr;
-    }
-  }
-  SafeString* p_text_lv = m_p_last_text;
-  m_p_last_text = nullptr;
-  m_i_on = 0;
-  delete p_text_lv;
-}
 
 void LogDllLoad() {
   if (g_h_log_lib != nullptr) return;

@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "host/include/log_api.h"
-
-class SafeString;
+#include "include/host/log_api.h"
+#include "linux/common_use/service/log_sites.h"
 
 // Trace channels; each picks a logger.
 enum TLog2 {
@@ -36,24 +35,8 @@ struct TLogBinding {
   char m_s_name[32];
 };
 
-// One per call site, a function-level static, zero until first use.
-class CLastLogStatus {
- public:
-  constexpr CLastLogStatus()
-      : m_i_on(0), m_ui64_hash(0), m_i64_version(0), m_p_last_text(nullptr), m_ui64_last_time(0) {}
-  ~CLastLogStatus();
-
-  int32_t m_i_on;
-  uint64_t m_ui64_hash;
-  int64_t m_i64_version;
-  SafeString* m_p_last_text;
-  uint64_t m_ui64_last_time;
-};
-
 // The logger "common", written directly by the buffering thread.
 extern TLogBinding* g_p_log_common;
-// Global site version: raised whenever a subscription is added.
-extern int64_t* g_p_log_site_version;
 
 void LogDllLoad();
 void LogDllUnload();

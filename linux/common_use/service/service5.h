@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "host/include/core_api.h"
+#include "include/host/core_api.h"
 #include "linux/common_use/temp/tools.h"
 
 // Event codes posted; "event_type" carries the code plus this base.
