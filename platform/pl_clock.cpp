@@ -4,6 +4,8 @@
 #include <time.h>
 #include <x86intrin.h>
 
+#include <errno.h>
+
 #include <atomic>
 #include <cstring>
 
@@ -14,42 +16,12 @@ namespace {
 std::atomic<bool> g_b_manual{false};
 std::atomic<uint64_t> g_ui64_manual_utc{0};
 
-// Timed waits currently parked; every move of the clock kicks them all so
-// that they look at their deadlines again.
-pthread_mutex_t g_watch_mutex = PTHREAD_MUTEX_INITIALIZER;
-PlWaiter* g_p_watch_head = nullptr;
 std::atomic<uint64_t> g_ui64_clock_epoch{0};  // raised at every switch of mode
 
 uint64_t MonotonicNs() {
   timespec ts_lv;
   clock_gettime(CLOCK_MONOTONIC, &ts_lv);
   return static_cast<uint64_t>(ts_lv.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts_lv.tv_nsec);
-}
-
-void KickWatchers() {
-  pthread_mutex_lock(&g_watch_mutex);
-  for (PlWaiter* p_lv = g_p_watch_head; p_lv != nullptr; p_lv = p_lv->m_p_next_watch) {
-    pthread_mutex_lock(&p_lv->m_mutex);
-    p_lv->m_b_kicked = true;
-    pthread_cond_broadcast(&p_lv->m_cond);
-    pthread_mutex_unlock(&p_lv->m_mutex);
-  }
-  pthread_mutex_unlock(&g_watch_mutex);
-}
-
-void Watch(PlWaiter* p_waiter_av) {
-  pthread_mutex_lock(&g_watch_mutex);
-  p_waiter_av->m_p_next_watch = g_p_watch_head;
-  g_p_watch_head = p_waiter_av;
-  pthread_mutex_unlock(&g_watch_mutex);
-}
-
-void Unwatch(PlWaiter* p_waiter_av) {
-  pthread_mutex_lock(&g_watch_mutex);
-  PlWaiter** pp_lv = &g_p_watch_head;
-  while (*pp_lv != nullptr && *pp_lv != p_waiter_av) pp_lv = &(*pp_lv)->m_p_next_watch;
-  if (*pp_lv != nullptr) *pp_lv = p_waiter_av->m_p_next_watch;
-  pthread_mutex_unlock(&g_watch_mutex);
 }
 
 // --- Performance counter: the invariant TSC, calibrated once against the
@@ -243,93 +215,64 @@ void PlClockUseManual(uint64_t ui64_utc_av) {
   g_ui64_manual_utc.store(ui64_utc_av);
   g_b_manual.store(true);
   g_ui64_clock_epoch.fetch_add(1);
-  KickWatchers();
+  PlEventsKickAll();
 }
 
 void PlClockUseReal() {
   g_b_manual.store(false);
   g_ui64_clock_epoch.fetch_add(1);
-  KickWatchers();
+  PlEventsKickAll();
 }
 
 bool PlClockIsManual() { return g_b_manual.load(); }
 
 void PlClockAdvance(int64_t i64_ticks_av) {
   g_ui64_manual_utc.fetch_add(static_cast<uint64_t>(i64_ticks_av));
-  KickWatchers();
+  PlEventsKickAll();
 }
 
 void PlClockSet(uint64_t ui64_utc_av) {
   g_ui64_manual_utc.store(ui64_utc_av);
-  KickWatchers();
+  PlEventsKickAll();
 }
 
-// --- Parked threads.
+// --- Timed waits.
 
-PlWaiter::PlWaiter()
-    : m_b_fired(false), m_b_kicked(false), m_p_next_watch(nullptr), m_ui_ms(0), m_ui64_epoch(0), m_b_manual(false),
-      m_ui64_deadline(0) {
-  pthread_mutex_init(&m_mutex, nullptr);
+PlTimedWait::PlTimedWait(uint32_t ui_ms_av)
+    : m_ui_ms(ui_ms_av), m_ui64_epoch(~0ULL), m_b_manual(false), m_ui64_deadline(0) {}
+
+void PlCondInit(pthread_cond_t* p_cond_av) {
   pthread_condattr_t attr_lv;
   pthread_condattr_init(&attr_lv);
   pthread_condattr_setclock(&attr_lv, CLOCK_MONOTONIC);
-  pthread_cond_init(&m_cond, &attr_lv);
+  pthread_cond_init(p_cond_av, &attr_lv);
   pthread_condattr_destroy(&attr_lv);
 }
 
-PlWaiter::~PlWaiter() {
-  pthread_cond_destroy(&m_cond);
-  pthread_mutex_destroy(&m_mutex);
-}
-
-void PlWaiterFire(PlWaiter* p_waiter_av) {
-  pthread_mutex_lock(&p_waiter_av->m_mutex);
-  p_waiter_av->m_b_fired = true;
-  pthread_cond_broadcast(&p_waiter_av->m_cond);
-  pthread_mutex_unlock(&p_waiter_av->m_mutex);
-}
-
-void PlWaiterBegin(PlWaiter* p_waiter_av, uint32_t ui_ms_av) {
-  p_waiter_av->m_ui_ms = ui_ms_av;
-  p_waiter_av->m_ui64_epoch = ~0ULL;
-  if (ui_ms_av != 0xFFFFFFFFu) Watch(p_waiter_av);
-}
-
-void PlWaiterEnd(PlWaiter* p_waiter_av) {
-  if (p_waiter_av->m_ui_ms != 0xFFFFFFFFu) Unwatch(p_waiter_av);
-}
-
-bool PlWaiterWaitLocked(PlWaiter* p_waiter_av) {
-  PlWaiter& w_lv = *p_waiter_av;
+bool PlTimedWaitOnce(PlTimedWait* p_wait_av, pthread_cond_t* p_cond_av, pthread_mutex_t* p_mutex_av) {
+  PlTimedWait& w_lv = *p_wait_av;
   if (w_lv.m_ui_ms == 0xFFFFFFFFu) {
-    while (!w_lv.m_b_fired) pthread_cond_wait(&w_lv.m_cond, &w_lv.m_mutex);
-    w_lv.m_b_fired = false;
+    pthread_cond_wait(p_cond_av, p_mutex_av);
     return true;
   }
-  for (;;) {
-    if (w_lv.m_b_fired) {
-      w_lv.m_b_fired = false;
-      return true;
-    }
-    // The deadline is taken again from the present time when the clock
-    // switches between real and manual during the wait.
-    uint64_t ui64_epoch_lv = g_ui64_clock_epoch.load();
-    if (ui64_epoch_lv != w_lv.m_ui64_epoch) {
-      w_lv.m_ui64_epoch = ui64_epoch_lv;
-      w_lv.m_b_manual = g_b_manual.load();
-      w_lv.m_ui64_deadline = w_lv.m_b_manual
-                                 ? g_ui64_manual_utc.load() + static_cast<uint64_t>(w_lv.m_ui_ms) * PL_TICKS_PER_MS
-                                 : MonotonicNs() + static_cast<uint64_t>(w_lv.m_ui_ms) * 1000000ULL;
-    }
-    w_lv.m_b_kicked = false;
-    if (w_lv.m_b_manual) {
-      if (g_ui64_manual_utc.load() >= w_lv.m_ui64_deadline) return false;
-      while (!w_lv.m_b_fired && !w_lv.m_b_kicked) pthread_cond_wait(&w_lv.m_cond, &w_lv.m_mutex);
-    } else {
-      if (MonotonicNs() >= w_lv.m_ui64_deadline) return false;
-      timespec ts_lv = {static_cast<time_t>(w_lv.m_ui64_deadline / 1000000000ULL),
-                        static_cast<long>(w_lv.m_ui64_deadline % 1000000000ULL)};
-      pthread_cond_timedwait(&w_lv.m_cond, &w_lv.m_mutex, &ts_lv);
-    }
+  // The deadline is taken again from the present time when the clock
+  // switches between real and manual during the wait.
+  uint64_t ui64_epoch_lv = g_ui64_clock_epoch.load();
+  if (ui64_epoch_lv != w_lv.m_ui64_epoch) {
+    w_lv.m_ui64_epoch = ui64_epoch_lv;
+    w_lv.m_b_manual = g_b_manual.load();
+    w_lv.m_ui64_deadline = w_lv.m_b_manual
+                               ? g_ui64_manual_utc.load() + static_cast<uint64_t>(w_lv.m_ui_ms) * PL_TICKS_PER_MS
+                               : MonotonicNs() + static_cast<uint64_t>(w_lv.m_ui_ms) * 1000000ULL;
   }
+  if (w_lv.m_b_manual) {
+    if (g_ui64_manual_utc.load() >= w_lv.m_ui64_deadline) return false;
+    pthread_cond_wait(p_cond_av, p_mutex_av);
+    return true;
+  }
+  timespec ts_lv = {static_cast<time_t>(w_lv.m_ui64_deadline / 1000000000ULL),
+                    static_cast<long>(w_lv.m_ui64_deadline % 1000000000ULL)};
+  if (pthread_cond_timedwait(p_cond_av, p_mutex_av, &ts_lv) != ETIMEDOUT) return true;
+  // A switch of clock during the park starts the wait again on the new one.
+  return g_ui64_clock_epoch.load() != w_lv.m_ui64_epoch;
 }

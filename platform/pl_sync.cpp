@@ -1,8 +1,6 @@
 // Critical sections and events on POSIX threads.
 #include "platform/pl_sync.h"
 
-#include <algorithm>
-
 #include "platform/pl_internal.h"
 
 PlCritSect::PlCritSect() {
@@ -18,16 +16,80 @@ void PlCritSect::Enter() { pthread_mutex_lock(&m_mutex); }
 void PlCritSect::Leave() { pthread_mutex_unlock(&m_mutex); }
 bool PlCritSect::TryEnter() { return pthread_mutex_trylock(&m_mutex) == 0; }
 
-PlEvent::PlEvent(bool b_manual_reset_av, bool b_initial_av) : m_b_manual(b_manual_reset_av), m_b_set(b_initial_av) {
-  pthread_mutex_init(&m_mutex, nullptr);
+// A thread parked in a wait on several events; a Set of any of them fires it.
+struct PlWaiter {
+  PlWaiter() : m_b_fired(false) {
+    pthread_mutex_init(&m_mutex, nullptr);
+    PlCondInit(&m_cond);
+  }
+  ~PlWaiter() {
+    pthread_cond_destroy(&m_cond);
+    pthread_mutex_destroy(&m_mutex);
+  }
+  pthread_mutex_t m_mutex;
+  pthread_cond_t m_cond;
+  bool m_b_fired;
+};
+
+// The place of one such waiter in one event's list.
+struct PlWaitLink {
+  PlWaiter* m_p_waiter;
+  PlWaitLink* m_p_prev;
+  PlWaitLink* m_p_next;
+};
+
+namespace {
+
+// Every live event. Only construction, destruction and moves of the clock
+// walk it; no wait does.
+pthread_mutex_t g_all_mutex = PTHREAD_MUTEX_INITIALIZER;
+PlEvent* g_p_all_head = nullptr;
+
+// Lock order: the list of all events, then an event, then a waiter.
+void WakeWaiter(PlWaiter* p_waiter_av, bool b_fire_av) {
+  pthread_mutex_lock(&p_waiter_av->m_mutex);
+  if (b_fire_av) p_waiter_av->m_b_fired = true;
+  pthread_cond_signal(&p_waiter_av->m_cond);
+  pthread_mutex_unlock(&p_waiter_av->m_mutex);
 }
 
-PlEvent::~PlEvent() { pthread_mutex_destroy(&m_mutex); }
+}  // namespace
+
+PlEvent::PlEvent(bool b_manual_reset_av, bool b_initial_av)
+    : m_b_manual(b_manual_reset_av),
+      m_b_set(b_initial_av),
+      m_i_parked(0),
+      m_p_links(nullptr),
+      m_p_prev_all(nullptr),
+      m_p_next_all(nullptr) {
+  pthread_mutex_init(&m_mutex, nullptr);
+  PlCondInit(&m_cond);
+  pthread_mutex_lock(&g_all_mutex);
+  m_p_next_all = g_p_all_head;
+  if (g_p_all_head != nullptr) g_p_all_head->m_p_prev_all = this;
+  g_p_all_head = this;
+  pthread_mutex_unlock(&g_all_mutex);
+}
+
+PlEvent::~PlEvent() {
+  pthread_mutex_lock(&g_all_mutex);
+  if (m_p_prev_all != nullptr) m_p_prev_all->m_p_next_all = m_p_next_all;
+  else g_p_all_head = m_p_next_all;
+  if (m_p_next_all != nullptr) m_p_next_all->m_p_prev_all = m_p_prev_all;
+  pthread_mutex_unlock(&g_all_mutex);
+  pthread_cond_destroy(&m_cond);
+  pthread_mutex_destroy(&m_mutex);
+}
 
 void PlEvent::Set() {
   pthread_mutex_lock(&m_mutex);
   m_b_set = true;
-  for (PlWaiter* p_waiter_lv : m_waiters) PlWaiterFire(p_waiter_lv);
+  if (m_i_parked > 0) {
+    // An automatic event releases one wait; the others would find it taken.
+    if (m_b_manual) pthread_cond_broadcast(&m_cond);
+    else pthread_cond_signal(&m_cond);
+  }
+  for (PlWaitLink* p_lv = m_p_links; p_lv != nullptr; p_lv = p_lv->m_p_next) WakeWaiter(p_lv->m_p_waiter, true);
   pthread_mutex_unlock(&m_mutex);
 }
 
@@ -44,11 +106,6 @@ bool PlEvent::IsSet() {
   return b_set_lv;
 }
 
-uint32_t PlEvent::Wait(uint32_t ui_ms_av) {
-  PlEvent* p_self_lv = this;
-  return PlWaitAny(&p_self_lv, 1, ui_ms_av);
-}
-
 // With m_mutex held: consumes the signal if there is one.
 bool PlEvent::TakeLocked() {
   if (!m_b_set) return false;
@@ -56,16 +113,65 @@ bool PlEvent::TakeLocked() {
   return true;
 }
 
-void PlEvent::AddWaiter(PlWaiter* p_waiter_av) { m_waiters.push_back(p_waiter_av); }
-
-void PlEvent::RemoveWaiter(PlWaiter* p_waiter_av) {
+bool PlEvent::Take() {
   pthread_mutex_lock(&m_mutex);
-  auto it_lv = std::find(m_waiters.begin(), m_waiters.end(), p_waiter_av);
-  if (it_lv != m_waiters.end()) m_waiters.erase(it_lv);
+  bool b_lv = TakeLocked();
+  pthread_mutex_unlock(&m_mutex);
+  return b_lv;
+}
+
+uint32_t PlEvent::Wait(uint32_t ui_ms_av) {
+  pthread_mutex_lock(&m_mutex);
+  bool b_taken_lv = TakeLocked();
+  if (!b_taken_lv && ui_ms_av != 0) {
+    PlTimedWait wait_lv(ui_ms_av);
+    bool b_more_lv = true;
+    while (!b_taken_lv && b_more_lv) {
+      ++m_i_parked;
+      b_more_lv = PlTimedWaitOnce(&wait_lv, &m_cond, &m_mutex);
+      --m_i_parked;
+      b_taken_lv = TakeLocked();
+    }
+  }
+  pthread_mutex_unlock(&m_mutex);
+  return b_taken_lv ? PL_WAIT_OBJECT_0 : PL_WAIT_TIMEOUT;
+}
+
+// With m_mutex held.
+void PlEvent::Link(PlWaitLink* p_link_av) {
+  p_link_av->m_p_prev = nullptr;
+  p_link_av->m_p_next = m_p_links;
+  if (m_p_links != nullptr) m_p_links->m_p_prev = p_link_av;
+  m_p_links = p_link_av;
+}
+
+void PlEvent::Unlink(PlWaitLink* p_link_av) {
+  pthread_mutex_lock(&m_mutex);
+  if (p_link_av->m_p_prev != nullptr) p_link_av->m_p_prev->m_p_next = p_link_av->m_p_next;
+  else m_p_links = p_link_av->m_p_next;
+  if (p_link_av->m_p_next != nullptr) p_link_av->m_p_next->m_p_prev = p_link_av->m_p_prev;
   pthread_mutex_unlock(&m_mutex);
 }
 
+// With m_mutex held: every wait on this event looks at its deadline again.
+void PlEvent::KickLocked() {
+  if (m_i_parked > 0) pthread_cond_broadcast(&m_cond);
+  for (PlWaitLink* p_lv = m_p_links; p_lv != nullptr; p_lv = p_lv->m_p_next) WakeWaiter(p_lv->m_p_waiter, false);
+}
+
+void PlEventsKickAll() {
+  pthread_mutex_lock(&g_all_mutex);
+  for (PlEvent* p_lv = g_p_all_head; p_lv != nullptr; p_lv = p_lv->m_p_next_all) {
+    pthread_mutex_lock(&p_lv->m_mutex);
+    p_lv->KickLocked();
+    pthread_mutex_unlock(&p_lv->m_mutex);
+  }
+  pthread_mutex_unlock(&g_all_mutex);
+}
+
 namespace {
+
+const int I_WAIT_ANY_MAX = 64;
 
 // The lowest signalled event, consumed; -1 when none is.
 int TakeAny(PlEvent* const* pp_events_av, int i_count_av, bool (*take_av)(PlEvent*)) {
@@ -78,41 +184,37 @@ int TakeAny(PlEvent* const* pp_events_av, int i_count_av, bool (*take_av)(PlEven
 }  // namespace
 
 uint32_t PlWaitAny(PlEvent* const* pp_events_av, int i_count_av, uint32_t ui_ms_av) {
-  if (pp_events_av == nullptr || i_count_av < 1 || i_count_av > 64) return PL_WAIT_FAILED;
+  if (pp_events_av == nullptr || i_count_av < 1 || i_count_av > I_WAIT_ANY_MAX) return PL_WAIT_FAILED;
   for (int i_lv = 0; i_lv < i_count_av; ++i_lv) {
     if (pp_events_av[i_lv] == nullptr) return PL_WAIT_FAILED;
   }
-  auto take_lv = [](PlEvent* p_ev_av) {
-    pthread_mutex_lock(&p_ev_av->m_mutex);
-    bool b_lv = p_ev_av->TakeLocked();
-    pthread_mutex_unlock(&p_ev_av->m_mutex);
-    return b_lv;
-  };
+  if (i_count_av == 1) return pp_events_av[0]->Wait(ui_ms_av) == PL_WAIT_OBJECT_0 ? 0 : PL_WAIT_TIMEOUT;
+  auto take_lv = [](PlEvent* p_ev_av) { return p_ev_av->Take(); };
   int i_found_lv = TakeAny(pp_events_av, i_count_av, take_lv);
   if (i_found_lv >= 0) return static_cast<uint32_t>(i_found_lv);
   if (ui_ms_av == 0) return PL_WAIT_TIMEOUT;
 
   PlWaiter waiter_lv;
-  PlWaiterBegin(&waiter_lv, ui_ms_av);
-  int i_registered_lv = 0;
-  for (; i_registered_lv < i_count_av && i_found_lv < 0; ++i_registered_lv) {
-    PlEvent* p_ev_lv = pp_events_av[i_registered_lv];
+  PlWaitLink links_lv[I_WAIT_ANY_MAX];
+  int i_linked_lv = 0;
+  for (; i_linked_lv < i_count_av && i_found_lv < 0; ++i_linked_lv) {
+    PlEvent* p_ev_lv = pp_events_av[i_linked_lv];
+    links_lv[i_linked_lv].m_p_waiter = &waiter_lv;
     pthread_mutex_lock(&p_ev_lv->m_mutex);
-    if (p_ev_lv->TakeLocked()) {
-      i_found_lv = i_registered_lv;
-    } else {
-      p_ev_lv->AddWaiter(&waiter_lv);
-    }
+    p_ev_lv->Link(&links_lv[i_linked_lv]);
+    if (p_ev_lv->TakeLocked()) i_found_lv = i_linked_lv;
     pthread_mutex_unlock(&p_ev_lv->m_mutex);
   }
+  PlTimedWait wait_lv(ui_ms_av);
   while (i_found_lv < 0) {
     pthread_mutex_lock(&waiter_lv.m_mutex);
-    bool b_fired_lv = PlWaiterWaitLocked(&waiter_lv);
+    bool b_more_lv = true;
+    while (!waiter_lv.m_b_fired && b_more_lv) b_more_lv = PlTimedWaitOnce(&wait_lv, &waiter_lv.m_cond, &waiter_lv.m_mutex);
+    waiter_lv.m_b_fired = false;
     pthread_mutex_unlock(&waiter_lv.m_mutex);
     i_found_lv = TakeAny(pp_events_av, i_count_av, take_lv);
-    if (!b_fired_lv) break;
+    if (!b_more_lv) break;
   }
-  for (int i_lv = 0; i_lv < i_registered_lv; ++i_lv) pp_events_av[i_lv]->RemoveWaiter(&waiter_lv);
-  PlWaiterEnd(&waiter_lv);
+  for (int i_lv = 0; i_lv < i_linked_lv; ++i_lv) pp_events_av[i_lv]->Unlink(&links_lv[i_lv]);
   return i_found_lv >= 0 ? static_cast<uint32_t>(i_found_lv) : PL_WAIT_TIMEOUT;
 }

@@ -7,7 +7,6 @@
 
 #include <pthread.h>
 #include <cstdint>
-#include <vector>
 
 // Results of a wait, with the values the callers compare against.
 const uint32_t PL_WAIT_OBJECT_0 = 0;
@@ -43,10 +42,16 @@ class PlCritLock {
   PlCritSect* m_p_cs;
 };
 
-struct PlWaiter;
+struct PlWaitLink;
 
 // An event with manual or automatic reset. An automatic event is reset by
 // the one wait that it releases.
+//
+// A wait on one event parks on the event's own condition variable; a wait on
+// several links itself into each of them. Nothing on the way of Set or of a
+// wait is shared between events, so a wake-up costs what the system's mutex
+// and condition variable cost. Every event is also known to the clock, which
+// wakes all parked waits when it is switched or moved by hand.
 class PlEvent {
  public:
   PlEvent(bool b_manual_reset_av, bool b_initial_av);
@@ -62,15 +67,22 @@ class PlEvent {
 
  private:
   friend uint32_t PlWaitAny(PlEvent* const* pp_events_av, int i_count_av, uint32_t ui_ms_av);
+  friend void PlEventsKickAll();
   bool TakeLocked();
-  void AddWaiter(PlWaiter* p_waiter_av);
-  void RemoveWaiter(PlWaiter* p_waiter_av);
+  bool Take();
+  void Link(PlWaitLink* p_link_av);
+  void Unlink(PlWaitLink* p_link_av);
+  void KickLocked();
 
   pthread_mutex_t m_mutex;
+  pthread_cond_t m_cond;  // waits on this event alone park here
   bool m_b_manual;
   bool m_b_set;
-  // Threads parked in a wait on this event; Set() wakes them.
-  std::vector<PlWaiter*> m_waiters;
+  int32_t m_i_parked;       // waits parked on m_cond
+  PlWaitLink* m_p_links;    // waits on several events that include this one
+  // Every live event, for the clock's wake-ups.
+  PlEvent* m_p_prev_all;
+  PlEvent* m_p_next_all;
 };
 
 // Waits until one of i_count_av events is signalled. Returns the index of the
