@@ -43,6 +43,29 @@ TEST_F(WriterBufferTest, GrowsByTwiceThePortionThatDoesNotFitAndCountsTheNominal
   EXPECT_EQ(m_base, BuffsUsedMemRead());
 }
 
+// A buffer that fills frame after frame (the archive behind) grows its
+// nominal size at nearly every frame; its block must not be replaced, and
+// copied whole, each time.
+TEST_F(WriterBufferTest, FillingFrameAfterFrameKeepsTheNominalSizeExactButReplacesTheBlockRarely) {
+  TWriteBuffer b;
+  int32_t i_nominal = 0, i_blocks = 0, i_storage = -1;
+  for (int i = 0; i < 2000; i++) {
+    uint32_t ui_portion = 1000 + 37 * (i % 7);
+    int64_t i64_end = static_cast<int64_t>(b.m_i_offs_b) + ui_portion;
+    if (i64_end > i_nominal) i_nominal += static_cast<int32_t>(2 * ui_portion);
+    ASSERT_EQ(1, ReservePortion(&b, ui_portion));
+    ASSERT_EQ(i_nominal, b.m_i_buff_size_b);
+    ASSERT_GE(b.m_i_storage_size_b, i64_end);
+    if (b.m_i_storage_size_b != i_storage) i_blocks++;
+    i_storage = b.m_i_storage_size_b;
+    b.m_pb_data_b[b.m_i_offs_b] = static_cast<uint8_t>(i);
+    b.m_i_offs_b += static_cast<int32_t>(ui_portion);
+  }
+  EXPECT_EQ(m_base + i_nominal, BuffsUsedMemRead());
+  EXPECT_LT(i_blocks, 40);
+  EXPECT_EQ(static_cast<uint8_t>(0), b.m_pb_data_b[0]);  // the first record survived every growth
+}
+
 TEST_F(WriterBufferTest, AnEndOffsetAboveThirtyMebibytesIsRefusedAndChangesNothing) {
   TWriteBuffer b;
   b.m_i_offs_b = 0x1E00000 - 1000;

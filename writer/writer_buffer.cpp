@@ -30,6 +30,20 @@ void ResizeStorage(TWriteBuffer* p_av, int32_t i_size_av, int32_t i_signat_av) {
   if (p_av->m_pb_data_b != pb_old_lv) p_av->m_i_storage_size_b = i_size_av;
 }
 
+// Makes the block hold at least the nominal size. The nominal size grows by
+// twice a portion at a time, so a buffer that fills while the archive runs
+// behind would copy its whole block at nearly every frame; the block itself
+// grows by half at least, so that the copies add up to a few times the
+// buffer once. It never grows past the largest end offset on that account.
+void GrowStorage(TWriteBuffer* p_av) {
+  int32_t i_nominal_lv = p_av->m_i_buff_size_b;
+  if (p_av->m_pb_data_b != nullptr && p_av->m_i_storage_size_b >= i_nominal_lv) return;
+  int64_t i64_size_lv = static_cast<int64_t>(p_av->m_i_storage_size_b) * 3 / 2;
+  if (i64_size_lv > I64_BUFF_END_MAX) i64_size_lv = I64_BUFF_END_MAX;
+  if (i64_size_lv < i_nominal_lv) i64_size_lv = i_nominal_lv;
+  ResizeStorage(p_av, static_cast<int32_t>(i64_size_lv), I_SIGN_BUFF_GROW);
+}
+
 }  // namespace
 
 TWriteBuffer::TWriteBuffer()
@@ -64,7 +78,7 @@ int32_t ReservePortion(TWriteBuffer* p_av, uint32_t ui_portion_av) {
             p_av->m_i_buff_size_b + i_step_lv, static_cast<long long>(reinterpret_cast<intptr_t>(p_av)));
     p_av->m_i_buff_size_b += i_step_lv;
     BuffsUsedMemAdd(i_step_lv);
-    ResizeStorage(p_av, p_av->m_i_buff_size_b, I_SIGN_BUFF_GROW);
+    GrowStorage(p_av);
   }
   // The nominal size follows the traffic even when the allocator failed;
   // the record itself must still fit the block that exists.
