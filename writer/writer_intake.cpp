@@ -37,6 +37,62 @@ bool Is(const ProfileParam* p_av, const char* s_name_av, uint32_t ui_type_av) {
   return p_av->type == ui_type_av && strcmp(Name(p_av), s_name_av) == 0;
 }
 
+// The elements a "frame" list is made of, and those kept out of the
+// parameter section. Every element of every frame is looked up here, so the
+// name is matched once, by its first letter and one comparison, instead of
+// against each known name in turn.
+enum TFrameField {
+  FF_OTHER, FF_NEED, FF_DATA, FF_EXTRA, FF_WIDTH, FF_HEIGHT, FF_FCC, FF_INDEX, FF_KEY, FF_TIME, FF_TYPE,
+  FF_GET, FF_PARENT, FF_ERROR, FF_VIRTUAL, FF_NEAREST, FF_TYPES_DESCR
+};
+
+// A name against a known text, character by character: the loop stops at
+// the first difference, so it never reads past the end of the name.
+template <size_t N>
+bool NameIs(const char* s_name_av, const char (&s_known_av)[N]) {
+  for (size_t i_lv = 0; i_lv < N; i_lv++)
+    if (s_name_av[i_lv] != s_known_av[i_lv]) return false;
+  return true;
+}
+
+TFrameField Known(bool b_match_av, const ProfileParam* p_av, uint32_t ui_type_av, TFrameField field_av) {
+  return b_match_av && p_av->type == ui_type_av ? field_av : FF_OTHER;
+}
+
+TFrameField FieldOf(const ProfileParam* p_av) {
+  const char* s_lv = Name(p_av);
+  switch (s_lv[0]) {
+    case 'd': return Known(NameIs(s_lv, "data"), p_av, PP_BUFFER, FF_DATA);
+    case 'f': return Known(NameIs(s_lv, "fcc"), p_av, PP_INT32, FF_FCC);
+    case 'g': return Known(NameIs(s_lv, "get"), p_av, PP_LIST, FF_GET);
+    case 'h': return Known(NameIs(s_lv, "height"), p_av, PP_INT32, FF_HEIGHT);
+    case 'i': return Known(NameIs(s_lv, "index"), p_av, PP_INT64, FF_INDEX);
+    case 'k': return Known(NameIs(s_lv, "key"), p_av, PP_INT32, FF_KEY);
+    case 'p': return Known(NameIs(s_lv, "parent"), p_av, PP_LIST, FF_PARENT);
+    case 'v': return Known(NameIs(s_lv, "virtual"), p_av, PP_INT32, FF_VIRTUAL);
+    case 'w': return Known(NameIs(s_lv, "width"), p_av, PP_INT32, FF_WIDTH);
+    case 'e':
+      if (NameIs(s_lv, "extra")) return Known(true, p_av, PP_BUFFER, FF_EXTRA);
+      return Known(NameIs(s_lv, "error"), p_av, PP_INT32, FF_ERROR);
+    case 'n':
+      if (NameIs(s_lv, "need")) return Known(true, p_av, PP_INT32, FF_NEED);
+      return Known(NameIs(s_lv, "nearest_finded"), p_av, PP_INT64, FF_NEAREST);
+    case 't':
+      if (NameIs(s_lv, "time")) return Known(true, p_av, PP_INT64, FF_TIME);
+      if (NameIs(s_lv, "type")) return Known(true, p_av, PP_STRING, FF_TYPE);
+      return Known(NameIs(s_lv, "types_descr"), p_av, PP_LIST, FF_TYPES_DESCR);
+    default:
+      return FF_OTHER;
+  }
+}
+
+// Copies a text into a field of ui_size_av bytes, cut to fit.
+void CopyCut(char* s_out_av, size_t ui_size_av, const char* s_in_av) {
+  size_t ui_len_lv = strnlen(s_in_av, ui_size_av - 1);
+  memcpy(s_out_av, s_in_av, ui_len_lv);
+  s_out_av[ui_len_lv] = 0;
+}
+
 uint32_t Fcc(const char* s_av) {
   return static_cast<uint32_t>(static_cast<uint8_t>(s_av[0])) | static_cast<uint32_t>(static_cast<uint8_t>(s_av[1])) << 8 |
          static_cast<uint32_t>(static_cast<uint8_t>(s_av[2])) << 16 |
@@ -110,51 +166,52 @@ void ReadBuffer(const ProfileParam* p_av, const void** pp_out_av, uint32_t* p_si
 // among those the frame is made of.
 bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameRead* p_rd_av) {
   long long i64_cam_lv = static_cast<long long>(InfoCamId(p_av->m_camera_info_w));
-  if (Is(p_el_av, "need", PP_INT32)) {
+  TFrameField field_lv = FieldOf(p_el_av);
+  if (field_lv == FF_NEED) {
     p_rd_av->m_p_need = static_cast<int32_t*>(p_el_av->value);
-  } else if (Is(p_el_av, "data", PP_BUFFER)) {
+  } else if (field_lv == FF_DATA) {
     if (p_el_av->value == nullptr) {
       p_rd_av->m_b_bad = true;
       p_rd_av->m_b_ok = false;
     } else {
       ReadBuffer(p_el_av, &p_av->m_p_data, &p_av->m_ui_data_size);
     }
-  } else if (Is(p_el_av, "extra", PP_BUFFER)) {
+  } else if (field_lv == FF_EXTRA) {
     if (p_el_av->value != nullptr) ReadBuffer(p_el_av, &p_av->m_p_extra, &p_av->m_ui_extra_size);
-  } else if (Is(p_el_av, "width", PP_INT32)) {
+  } else if (field_lv == FF_WIDTH) {
     ReadInt32(p_el_av, &p_av->m_i_width, p_rd_av);
-  } else if (Is(p_el_av, "height", PP_INT32)) {
+  } else if (field_lv == FF_HEIGHT) {
     ReadInt32(p_el_av, &p_av->m_i_height, p_rd_av);
-  } else if (Is(p_el_av, "fcc", PP_INT32)) {
+  } else if (field_lv == FF_FCC) {
     int32_t i_fcc_lv = 0;
     ReadInt32(p_el_av, &i_fcc_lv, p_rd_av);
     p_av->m_ui_fcc = static_cast<uint32_t>(i_fcc_lv);
     char s_fcc_lv[5];
     FccText(p_av->m_ui_fcc, s_fcc_lv);
     TRACE44(TLOG_ARC_TRACE, "<%lld>on frame fcc %d %s ", i64_cam_lv, static_cast<int>(p_av->m_ui_fcc), s_fcc_lv);
-  } else if (Is(p_el_av, "index", PP_INT64)) {
+  } else if (field_lv == FF_INDEX) {
     if (p_el_av->value != nullptr) p_rd_av->m_i64_index = *static_cast<const int64_t*>(p_el_av->value);
     TRACE44(TLOG_ARC_TRACE, "<%lld>on frame index %lld ", i64_cam_lv, static_cast<long long>(p_rd_av->m_i64_index));
-  } else if (Is(p_el_av, "key", PP_INT32)) {
+  } else if (field_lv == FF_KEY) {
     ReadInt32(p_el_av, &p_av->m_i_key, p_rd_av);
     if (p_av->m_i_key != 0) {
       p_av->m_b_is_fierst_key_accepted = 1;
       p_av->m_b_key_since_need = 1;
     }
-  } else if (Is(p_el_av, "time", PP_INT64)) {
+  } else if (field_lv == FF_TIME) {
     if (p_el_av->value == nullptr) {
       p_rd_av->m_b_bad = true;
       p_rd_av->m_b_ok = false;
     } else {
       p_rd_av->m_i64_time = *static_cast<const int64_t*>(p_el_av->value);
     }
-  } else if (Is(p_el_av, "type", PP_STRING)) {
+  } else if (field_lv == FF_TYPE) {
     if (p_el_av->value != nullptr) {
       // A longer text than the field holds is cut.
-      FormatStr(p_av->m_s_frame_type, UI_FRAME_TYPE_TEXT, "%s", static_cast<const char*>(p_el_av->value));
+      CopyCut(p_av->m_s_frame_type, UI_FRAME_TYPE_TEXT, static_cast<const char*>(p_el_av->value));
       TRACE44(TLOG_ARC_TRACE, "<%lld>on frame type %s ", i64_cam_lv, p_av->m_s_frame_type);
     }
-  } else if (Is(p_el_av, "get", PP_LIST)) {
+  } else if (field_lv == FF_GET) {
     p_rd_av->m_b_ok = false;
   } else {
     return false;
@@ -272,10 +329,19 @@ void LogIndexGap(CWriter* p_av, int64_t i64_index_av) {
 // Elements that are the frame itself or the source's own business do not
 // go into the parameter section.
 bool CarriedAsParam(const ProfileParam* p_av) {
-  if (Is(p_av, "parent", PP_LIST)) return false;
-  return !(Is(p_av, "data", PP_BUFFER) || Is(p_av, "extra", PP_BUFFER) || Is(p_av, "need", PP_INT32) ||
-           Is(p_av, "error", PP_INT32) || Is(p_av, "virtual", PP_INT32) || Is(p_av, "nearest_finded", PP_INT64) ||
-           Is(p_av, "types_descr", PP_LIST));
+  switch (FieldOf(p_av)) {
+    case FF_PARENT:
+    case FF_DATA:
+    case FF_EXTRA:
+    case FF_NEED:
+    case FF_ERROR:
+    case FF_VIRTUAL:
+    case FF_NEAREST:
+    case FF_TYPES_DESCR:
+      return false;
+    default:
+      return true;
+  }
 }
 
 uint64_t ParamsSize(const ProfileParam* p_list_av) {
@@ -387,9 +453,9 @@ void FCCToDataType(uint32_t ui_fcc_av, char* s_out_av) {
                                            "GSM\0", "gsm\0", "GSM6", "gsm6", "G726", "g726", "MP3\0",
                                            "mp3\0", "AC3\0", "ac3\0", "mp4a"};
   if (FccIn(ui_fcc_av, S_VIDEO_LV, sizeof(S_VIDEO_LV) / sizeof(S_VIDEO_LV[0])))
-    FormatStr(s_out_av, UI_FRAME_TYPE_TEXT, "video");
+    CopyCut(s_out_av, UI_FRAME_TYPE_TEXT, "video");
   else if (FccIn(ui_fcc_av, S_AUDIO_LV, sizeof(S_AUDIO_LV) / sizeof(S_AUDIO_LV[0])))
-    FormatStr(s_out_av, UI_FRAME_TYPE_TEXT, "audio");
+    CopyCut(s_out_av, UI_FRAME_TYPE_TEXT, "audio");
   else
     s_out_av[0] = 0;
 }
