@@ -542,10 +542,19 @@ int32_t DetectCondish_Vart2(CWriterByEvent* p_av) {
 
 // The pause of recording would attach here: the write-off flag and the
 // write-failure latch, which nothing in this program sets.
-int32_t NeedWriteCommonCondish(CWriter* p_writer_av) {
+namespace {
+
+// The common conditions at the local time i64_now_av.
+int32_t CommonCondishAt(CWriter* p_writer_av, int64_t i64_now_av) {
   if (p_writer_av->m_camera_info_w != nullptr && AtomicGet(&p_writer_av->m_camera_info_w->m_b_write_off) != 0) return 0;
   if (AtomicGet(&p_writer_av->m_i_write_flag) == 0) return 1;
-  return FileTimeNowLocalI64() > AtomicGet(&p_writer_av->m_i64_last_need_time) + I64_LATCH_PAUSE ? 1 : 0;
+  return i64_now_av > AtomicGet(&p_writer_av->m_i64_last_need_time) + I64_LATCH_PAUSE ? 1 : 0;
+}
+
+}  // namespace
+
+int32_t NeedWriteCommonCondish(CWriter* p_writer_av) {
+  return CommonCondishAt(p_writer_av, FileTimeNowLocalI64());
 }
 
 // A limit can overrun by the 10 s pace of the check, and only frames run
@@ -553,9 +562,8 @@ int32_t NeedWriteCommonCondish(CWriter* p_writer_av) {
 // to every channel of the camera. It is posted after the list's lock is
 // left: the delivery takes the event lock of each channel, which is outer
 // to the list's lock.
-void CheckForcedDuration(CWriterByEvent* p_av, int32_t i_slot_av) {
+void CheckForcedDuration(CWriterByEvent* p_av, int32_t i_slot_av, int64_t i64_now_lv) {
   if (!ByEvents(p_av)) return;
-  int64_t i64_now_lv = FileTimeNowLocalI64();
   if (p_av->m_i64_last_dur_check + I64_FORCED_CHECK_PERIOD >= i64_now_lv) return;
   p_av->m_i64_last_dur_check = i64_now_lv;
   int32_t i_expired_lv = TakeExpiredForced(&p_av->m_list_events, i64_now_lv);
@@ -567,8 +575,10 @@ void CheckForcedDuration(CWriterByEvent* p_av, int32_t i_slot_av) {
 
 int32_t NeedWrite(CWriterByEvent* p_av, int32_t i_slot_av) {
   CWriter* p_writer_lv = p_av->m_p_writer;
-  CheckForcedDuration(p_av, i_slot_av);
-  int32_t b_common_lv = NeedWriteCommonCondish(p_writer_lv);
+  // One reading of the local time serves the whole decision.
+  int64_t i64_now_lv = FileTimeNowLocalI64();
+  CheckForcedDuration(p_av, i_slot_av, i64_now_lv);
+  int32_t b_common_lv = CommonCondishAt(p_writer_lv, i64_now_lv);
   int32_t b_by_event_lv = AtomicGet(&p_writer_lv->m_camera_info_w->m_b_write_by_event) != 0 ? 1 : 0;
   int32_t b_prev_lv = AtomicGet(&p_av->prev_write) > 0 ? 1 : 0;
   int32_t b_detect_lv = b_by_event_lv != 0 && b_prev_lv == 0 ? DetectCondish_Vart2(p_av) : 0;
@@ -579,7 +589,7 @@ int32_t NeedWrite(CWriterByEvent* p_av, int32_t i_slot_av) {
   if (b_common_lv != 0 && b_gate_lv != 0) b_result_lv = b_by_event_lv == 0 || b_prev_lv != 0 || b_detect_lv != 0;
   long long i64_cam_lv = static_cast<long long>(InfoCamId(p_writer_lv->m_camera_info_w));
   if (b_result_lv != 0) {
-    AtomicPut(&p_writer_lv->m_i64_last_need_time, FileTimeNowLocalI64());
+    AtomicPut(&p_writer_lv->m_i64_last_need_time, i64_now_lv);
   } else {
     TRACE45(TLOG_ARC_TRACE, TSEV_TRACE,
             "<sched2%lld> !NeedWriteCommonCondish %dwrite_by_event %dIsPrevWrite %dDetectCondish_Vart2 %dm_b_state "

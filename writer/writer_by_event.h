@@ -129,8 +129,9 @@ int32_t CheckDirectWrite(CWriterByEvent* p_av, uint8_t ui_type_av);
 // Frees the pre-event ring with all it holds; the channel's teardown, once
 // the buffering thread has ended.
 void PrevWriteFree(CWriterByEvent* p_av);
-// Ends forced recording whose time ran out; run from NeedWrite.
-void CheckForcedDuration(CWriterByEvent* p_av, int32_t i_slot_av);
+// Ends forced recording whose time ran out, at the local time i64_now_av;
+// run from NeedWrite.
+void CheckForcedDuration(CWriterByEvent* p_av, int32_t i_slot_av, int64_t i64_now_av);
 // m_i_counter of the first forced element, else 0; for the status report.
 int32_t ForcedEventCounter(CWriterByEvent* p_av);
 // The "cntr" and "events" fragment of the status report's by_events view.
