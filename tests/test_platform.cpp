@@ -137,6 +137,65 @@ TEST_F(ManualClockTest, EventWakesAManualWaitAndBackwardMovesAreHarmless) {
   EXPECT_EQ(PL_WAIT_OBJECT_0, result.load());
 }
 
+TEST_F(ManualClockTest, WaitAnyEndsAtTheManualDeadlineOrAtASetWithEitherReset) {
+  PlEvent automatic(false, false), manual(true, false);
+  PlEvent* both[2] = {&automatic, &manual};
+  std::atomic<uint32_t> result{12345};
+  {
+    Runner r([&] { result = PlWaitAny(both, 2, 3000); });
+    PlSleep(100);  // the deadline is taken when the wait starts
+    PlClockAdvance(2999 * PL_TICKS_PER_MS);
+    PlSleep(20);
+    EXPECT_EQ(12345u, result.load()) << "woke before its deadline";
+    PlClockAdvance(1 * PL_TICKS_PER_MS);
+    for (int i = 0; i < 500 && result.load() == 12345u; ++i) PlSleep(2);
+    EXPECT_EQ(PL_WAIT_TIMEOUT, result.load());
+    while (result.load() == 12345u) {  // a thread that started late must still end
+      PlClockAdvance(PL_TICKS_PER_SECOND);
+      PlSleep(2);
+    }
+  }
+  {
+    Runner r([&] { result = PlWaitAny(both, 2, 3000); });
+    PlSleep(20);
+    manual.Set();
+  }
+  EXPECT_EQ(1u, result.load());
+  EXPECT_EQ(1u, PlWaitAny(both, 2, 0)) << "a manual event stays set";
+  manual.Reset();
+  {
+    Runner r([&] { result = PlWaitAny(both, 2, PL_INFINITE); });
+    PlSleep(20);
+    automatic.Set();
+  }
+  EXPECT_EQ(0u, result.load());
+  EXPECT_EQ(PL_WAIT_TIMEOUT, PlWaitAny(both, 2, 0)) << "an automatic event is taken by the wait it released";
+}
+
+// A wait parked on the real clock is reached when the clock switches to
+// manual: from then on its time-out follows the manual time, not real time.
+TEST(Clock, ASwitchToTheManualClockReachesWaitsParkedOnTheRealOne) {
+  PlEvent one(false, false), a(false, false), b(false, false);
+  PlEvent* two[2] = {&a, &b};
+  std::atomic<uint32_t> single{12345}, any{12345};
+  {
+    Runner r1([&] { single = one.Wait(60000); });
+    Runner r2([&] { any = PlWaitAny(two, 2, 60000); });
+    PlSleep(20);
+    PlClockUseManual(PL_UNIX_EPOCH_TICKS + 5000 * PL_TICKS_PER_SECOND);
+    PlSleep(20);
+    PlClockAdvance(60 * PL_TICKS_PER_SECOND);
+    for (int i = 0; i < 500 && (single.load() == 12345u || any.load() == 12345u); ++i) PlSleep(2);
+    EXPECT_EQ(PL_WAIT_TIMEOUT, single.load());
+    EXPECT_EQ(PL_WAIT_TIMEOUT, any.load());
+    while (single.load() == 12345u || any.load() == 12345u) {
+      PlClockAdvance(60 * PL_TICKS_PER_SECOND);
+      PlSleep(2);
+    }
+  }
+  PlClockUseReal();
+}
+
 TEST_F(ManualClockTest, ClockReadsFollowTheManualTime) {
   uint64_t t0 = PlFileTimeUtc();
   EXPECT_EQ(PL_UNIX_EPOCH_TICKS + 1000 * PL_TICKS_PER_SECOND, t0);
