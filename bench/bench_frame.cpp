@@ -176,8 +176,10 @@ void Budgets(const bench::KeepingReporter& r) {
   double floor20 = PerFrame(r, "BM_Floor/20480");
   double off20 = PerFrame(r, "BM_FramePath/20480/1");
   bool have = floor20 > 0 && off20 > 0 && sink >= 0;
-  bench::PrintBudget("1a", "frame path / floor at 20 KB, channels off", have, have && off20 <= 1.5 * floor20,
-                     bench::Format("%.2f (%.0f ns / %.0f ns)", off20 / floor20, off20, floor20), "at most 1.5");
+  // The budget on the path against its floor is counted in instructions
+  // (bench_instr); the time ratio is shown.
+  bench::PrintBudget("1t", "frame path / floor at 20 KB, channels off (shown, no budget)", have, true,
+                     bench::Format("%.2f (%.0f ns / %.0f ns)", off20 / floor20, off20, floor20), "-");
   bench::PrintBudget("1b", "own work per 20 KB frame, channels off", have, have && off20 - sink <= 2000,
                      bench::Format("%.0f ns", off20 - sink), "at most 2000 ns");
   double on20 = PerFrame(r, "BM_FramePath/20480/2");

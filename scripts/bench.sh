@@ -5,6 +5,9 @@
 #   3  whole-process throughput of one camera against a plain append (writer-host, bench_append)
 #   4  cameras recorded in real time with no frame passed over (writer-host, searched)
 #   5  buffer memory of a channel (bench_memory) and process size per camera (writer-host)
+#   1a own work per frame in instructions against its floor (bench_instr under callgrind)
+#   6  CPU per camera at 100 cameras in real time (writer-host)
+#   7  at least 400 cameras recorded in real time (the search of 4)
 # Usage: scripts/bench.sh [BUILD_DIR]   (default: build-bench, RelWithDebInfo)
 # Settings: SCALE_SECONDS (run length of a scale try, default 20),
 #           SCALE_BUDGET_S (time the scale search may take, default 600),
@@ -36,6 +39,21 @@ echo "== 1, 2: frame path and trace calls (in-process)"
 "$bin/bench_base" --benchmark_filter='TraceOff|StableMark' 2>/dev/null | grep -E "^BM_" | sed 's/\x1b\[[0-9;]*m//g'
 "$bin/bench_frame" 2>/dev/null | sed 's/\x1b\[[0-9;]*m//g' | tee "$work/frame.txt" | grep -vE "^BUDGET|^-|^Benchmark"
 grep "^BUDGET" "$work/frame.txt" >>"$budgets"
+echo
+
+# Instructions are counted, not timed: the figure repeats whatever the load.
+echo "== 1a: own work per frame message, both channels, in instructions (callgrind)"
+msgs=3000
+for mode in path floor copy; do
+  valgrind --tool=callgrind --callgrind-out-file="$work/cg.$mode" --toggle-collect='*Measure*' \
+    "$bin/bench_instr" "$mode" $msgs 2>"$work/cg.$mode.err" | sed 's/^/  /'
+  declare "ir_$mode=$(sed -n 's/.*Collected : \([0-9]*\).*/\1/p' "$work/cg.$mode.err")"
+done
+read -r own floor_own ratio pass < <(awk -v p="${ir_path:-0}" -v f="${ir_floor:-0}" -v c="${ir_copy:-0}" -v n=$msgs '
+  BEGIN { own = (p - c) / n; fl = (f - c) / n; r = fl > 0 ? own / fl : 0
+          printf "%.0f %.0f %.2f %s\n", own, fl, r, (p > 0 && fl > 0 && r <= 1.5) ? "pass" : "fail" }')
+echo "  per message: path $((ir_path / msgs)), floor $((ir_floor / msgs)), copy $((ir_copy / msgs)) instructions"
+budget "BUDGET 1a $pass: own work per frame message, both channels, besides the copy: $own instructions against $floor_own for the marks and trace calls: $ratio (at most 1.5)"
 echo
 
 echo "== 3: one camera as fast as it goes, against a plain append of the same frames"
@@ -127,6 +145,12 @@ while [ $((SECONDS - start)) -lt "$scale_budget" ] && [ -z "${seen[$n]:-}" ]; do
 done
 pass=$([ "$good" -ge 200 ] && echo pass || echo fail)
 budget "BUDGET 4 $pass: cameras recorded in real time with no frame passed over: $good (cpu ${good_cpu:-?}% of one core per camera) (at least 200)"
+pass=$([ "$good" -ge 400 ] && echo pass || echo fail)
+budget "BUDGET 7 $pass: cameras recorded in real time with no frame passed over: $good (at least 400)"
+# CPU per camera at a fixed 100 cameras: writer-host's CPU time over the run.
+read -r res100 cpu100 _ < <(scale_try 100)
+pass=$(awk -v c="$cpu100" -v r="$res100" 'BEGIN { print (r == "ok" && c + 0 <= 0.3) ? "pass" : "fail" }')
+budget "BUDGET 6 $pass: cpu per camera at 100 cameras in real time: ${cpu100}% of one core ($res100) (at most 0.3 %)"
 # Process size per camera: the largest good run against one camera alone.
 read -r res1 cpu1 rss1 _ < <(scale_try 1)
 if [ "$good" -gt 1 ]; then
