@@ -201,7 +201,7 @@ void VerifySegment(const StreamRef& stream_av, uint32_t ui_seq_av, bool b_repair
                                std::to_string(scan_lv.m_ui64_file_size - scan_lv.m_ui64_valid_end) + " bytes");
   std::vector<IndexEntry> index_lv;
   uint64_t ui64_idx_size_lv = 0;
-  if (!ReadIndex(IdxPath(stream_av, ui_seq_av), &index_lv, &ui64_idx_size_lv))
+  if (!ReadIndex(IdxPath(stream_av, ui_seq_av), scan_lv.m_head.m_ui_version, &index_lv, &ui64_idx_size_lv))
     p_state_av->Line(true, "index missing");
   else if (index_lv != scan_lv.m_entries || ui64_idx_size_lv != index_lv.size() * IDX_ENTRY_SIZE)
     p_state_av->Line(true, "index disagrees with the segment (" + std::to_string(index_lv.size()) + " entries, " +

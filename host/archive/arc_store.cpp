@@ -142,7 +142,10 @@ namespace {
 bool SegmentLastTime(const std::string& s_dir_av, uint32_t ui_seq_av, int64_t* p_time_av) {
   std::vector<IndexEntry> index_lv;
   uint64_t ui64_size_lv = 0;
-  if (ReadIndex(s_dir_av + "/" + IndexFileName(ui_seq_av), &index_lv, &ui64_size_lv) && !index_lv.empty()) {
+  SegHead head_lv;
+  if (ReadSegHead(s_dir_av + "/" + SegmentFileName(ui_seq_av), &head_lv) &&
+      ReadIndex(s_dir_av + "/" + IndexFileName(ui_seq_av), head_lv.m_ui_version, &index_lv, &ui64_size_lv) &&
+      !index_lv.empty()) {
     *p_time_av = index_lv.back().m_i64_time;
     return true;
   }
