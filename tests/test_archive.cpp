@@ -516,7 +516,8 @@ TEST_F(ArchiveTest, KilledWriterLeavesAnArchiveThatVerifiesAfterItsTailIsCut) {
   warc::StreamRef stream_lv = Stream(keys_lv);
   size_t ui_frames_lv = ReadBack(stream_lv).size();
   EXPECT_GT(ui_frames_lv, 10u);
-  EXPECT_GT(warc::VerifyStream(stream_lv, false).m_i_errors, 0);
+  // The damaged tail is the one error: an index that only lags is not.
+  EXPECT_EQ(1, warc::VerifyStream(stream_lv, false).m_i_errors);
 
   // The index goes out in batches, so the kill may have taken some of its
   // entries: a repair puts every one back, and no frame is lost.
