@@ -488,6 +488,15 @@ TEST_F(ArchiveTest, DepthRemovesOnlyWholeClosedSegmentsPastIt) {
   }
 }
 
+// A record cut in the middle, as a write interrupted by a power cut leaves.
+void AppendHalfRecord(const std::string& s_seg_av) {
+  FILE* p_file_lv = fopen(s_seg_av.c_str(), "ab");
+  ASSERT_NE(nullptr, p_file_lv);
+  const uint8_t pb_half_lv[] = {0x57, 0x46, 0x52, 0x31, 0x00, 0x10, 0x00, 0x00, 1, 2, 3};
+  fwrite(pb_half_lv, 1, sizeof(pb_half_lv), p_file_lv);
+  fclose(p_file_lv);
+}
+
 TEST_F(ArchiveTest, KilledWriterLeavesAnArchiveThatVerifiesAfterItsTailIsCut) {
   Keys keys_lv("cam1");
   std::string s_seg_lv = m_dir.m_s_path + "/storage_1/" + keys_lv.Folder() + "/video/00000001.wseg";
@@ -502,19 +511,26 @@ TEST_F(ArchiveTest, KilledWriterLeavesAnArchiveThatVerifiesAfterItsTailIsCut) {
   waitpid(pid_lv, &i_status_lv, 0);
   ASSERT_GE(st_lv.st_size, 400000) << "the child wrote too little";
 
-  // Whatever the kill hit, add a record cut in the middle, as a write
-  // interrupted by a power cut would leave.
-  {
-    FILE* p_file_lv = fopen(s_seg_lv.c_str(), "ab");
-    ASSERT_NE(nullptr, p_file_lv);
-    const uint8_t pb_half_lv[] = {0x57, 0x46, 0x52, 0x31, 0x00, 0x10, 0x00, 0x00, 1, 2, 3};
-    fwrite(pb_half_lv, 1, sizeof(pb_half_lv), p_file_lv);
-    fclose(p_file_lv);
-  }
+  // Whatever the kill hit, add a record cut in the middle.
+  AppendHalfRecord(s_seg_lv);
   warc::StreamRef stream_lv = Stream(keys_lv);
   size_t ui_frames_lv = ReadBack(stream_lv).size();
   EXPECT_GT(ui_frames_lv, 10u);
-  EXPECT_GT(warc::VerifyStream(stream_lv, false).m_i_errors, 0);
+  // The damaged tail is the one error: an index that only lags is not.
+  EXPECT_EQ(1, warc::VerifyStream(stream_lv, false).m_i_errors);
+
+  // The index goes out in batches, so the kill may have taken some of its
+  // entries: a repair puts every one back, and no frame is lost.
+  std::string s_idx_lv = s_seg_lv.substr(0, s_seg_lv.size() - 4) + "widx";
+  ASSERT_EQ(0, stat(s_idx_lv.c_str(), &st_lv));
+  EXPECT_LE(static_cast<size_t>(st_lv.st_size), ui_frames_lv * warc::IDX_ENTRY_SIZE);
+  EXPECT_EQ(0, warc::VerifyStream(stream_lv, true).m_i_errors);
+  warc::VerifyReport repaired_lv = warc::VerifyStream(stream_lv, false);
+  EXPECT_EQ(0, repaired_lv.m_i_errors) << (repaired_lv.m_lines.empty() ? "" : repaired_lv.m_lines[0]);
+  EXPECT_EQ(ui_frames_lv, repaired_lv.m_ui64_frames);
+  ASSERT_EQ(0, stat(s_idx_lv.c_str(), &st_lv));
+  EXPECT_EQ(static_cast<off_t>(ui_frames_lv * warc::IDX_ENTRY_SIZE), st_lv.st_size);
+  AppendHalfRecord(s_seg_lv);
 
   // The next session of the camera cuts the tail before it appends.
   int32_t i_handle_lv = Open(keys_lv, 1);

@@ -100,25 +100,44 @@ class ArchiveReaderTest : public ::testing::Test {
 
 ArchiveLib ArchiveReaderTest::s_lib;
 
-// The checksum takes eight bytes a step: it must still be the common CRC-32
-// at every length, start alignment and chained seed, or files written
-// before and after would disagree.
-TEST(ArchiveChecksum, IsTheCommonCrc32AtEveryLengthAlignmentAndSeed) {
+// Bit by bit, the way the checksums are defined.
+uint32_t BitwiseCrc(uint32_t ui_poly_av, const uint8_t* p, size_t n, uint32_t seed) {
+  uint32_t c = seed ^ 0xFFFFFFFFu;
+  for (size_t i = 0; i < n; i++) {
+    c ^= p[i];
+    for (int k = 0; k < 8; k++) c = (c & 1) ? ui_poly_av ^ (c >> 1) : c >> 1;
+  }
+  return c ^ 0xFFFFFFFFu;
+}
+
+// The fast checksums take eight bytes a step, and CRC-32C runs in three lanes
+// joined at the end: each must still be its checksum at every length, start
+// alignment and chained seed, or files written and read on different
+// machines would disagree. CRC-32 stays for files of the first format and for
+// folder names.
+TEST(ArchiveChecksum, EveryWayGivesTheDefinedChecksumAtEveryLengthAlignmentAndSeed) {
   EXPECT_EQ(warc::Crc32("123456789", 9), 0xCBF43926u);
-  auto bitwise = [](const uint8_t* p, size_t n, uint32_t seed) {
-    uint32_t c = seed ^ 0xFFFFFFFFu;
-    for (size_t i = 0; i < n; i++) {
-      c ^= p[i];
-      for (int k = 0; k < 8; k++) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-    }
-    return c ^ 0xFFFFFFFFu;
-  };
-  std::vector<uint8_t> bytes(100);
-  for (size_t i = 0; i < bytes.size(); i++) bytes[i] = static_cast<uint8_t>(i * 37 + 11);
+  EXPECT_EQ(warc::Crc32c("123456789", 9), 0xE3069283u);
+  std::vector<uint8_t> bytes(3 * 8192 + 3 * 256 + 100);
+  for (size_t i = 0; i < bytes.size(); i++) bytes[i] = static_cast<uint8_t>(i * 37 + 11 + (i >> 9));
+  std::vector<size_t> lengths;
+  for (size_t n = 0; n <= 100; n++) lengths.push_back(n);
+  for (size_t n : {767, 768, 775, 20000, 3 * 8192 - 1, 3 * 8192, 3 * 8192 + 3 * 256 + 17}) lengths.push_back(n);
+  uint32_t hw_unused = 0;
+  bool have_hw = warc::Crc32cHardware("", 0, 0, &hw_unused);
   for (size_t start = 0; start < 8; start++)
-    for (size_t n = 0; start + n <= bytes.size(); n++)
-      ASSERT_EQ(warc::Crc32(bytes.data() + start, n, 0x1234u), bitwise(bytes.data() + start, n, 0x1234u))
-          << "start " << start << " length " << n;
+    for (size_t n : lengths) {
+      const uint8_t* p = bytes.data() + start;
+      ASSERT_EQ(warc::Crc32(p, n, 0x1234u), BitwiseCrc(0xEDB88320u, p, n, 0x1234u)) << start << " " << n;
+      uint32_t want = BitwiseCrc(0x82F63B78u, p, n, 0x1234u);
+      ASSERT_EQ(warc::Crc32cPortable(p, n, 0x1234u), want) << "start " << start << " length " << n;
+      ASSERT_EQ(warc::Crc32c(p, n, 0x1234u), want) << "start " << start << " length " << n;
+      uint32_t hw = want;
+      if (have_hw) {
+        ASSERT_TRUE(warc::Crc32cHardware(p, n, 0x1234u, &hw));
+      }
+      ASSERT_EQ(hw, want) << "start " << start << " length " << n;
+    }
 }
 
 TEST_F(ArchiveReaderTest, RepairCutsATailCutShortAndRebuildsTheIndex) {
@@ -157,6 +176,73 @@ TEST_F(ArchiveReaderTest, RepairDropsARecordWithAWrongChecksumAndALostIndexTail)
   EXPECT_EQ(0, repaired_lv.m_i_errors);
   EXPECT_EQ(9u, repaired_lv.m_ui64_frames);
   EXPECT_EQ(1, repaired_lv.m_i_warnings);  // the line telling of the repair
+}
+
+void WriteFile(const std::string& s_path_av, const std::vector<uint8_t>& bytes_av) {
+  std::ofstream out_lv(s_path_av, std::ios::binary | std::ios::trunc);
+  out_lv.write(reinterpret_cast<const char*>(bytes_av.data()), static_cast<std::streamsize>(bytes_av.size()));
+}
+
+// Rewrites a segment and its index the way the first format wrote them:
+// version 1, and every checksum the common CRC-32, computed here bit by bit.
+void MakeVersion1(const std::string& s_seg_av, const std::string& s_idx_av) {
+  auto crc = [](const std::vector<uint8_t>& b, size_t at, size_t n, uint32_t seed) {
+    return BitwiseCrc(0xEDB88320u, b.data() + at, n, seed);
+  };
+  std::string s_text_lv = ReadFile(s_seg_av);
+  std::vector<uint8_t> seg_lv(s_text_lv.begin(), s_text_lv.end());
+  ASSERT_GE(seg_lv.size(), 32u);
+  Put32(&seg_lv, 8, 1);
+  Put32(&seg_lv, 28, crc(seg_lv, 0, 28, 0));
+  for (size_t pos = 32; pos + 24 <= seg_lv.size();) {
+    uint32_t n = seg_lv[pos + 4] | seg_lv[pos + 5] << 8 | seg_lv[pos + 6] << 16 | static_cast<uint32_t>(seg_lv[pos + 7]) << 24;
+    ASSERT_LE(pos + 24 + n, seg_lv.size());
+    Put32(&seg_lv, pos + 20, crc(seg_lv, pos + 24, n, crc(seg_lv, pos, 20, 0)));
+    pos += 24 + n;
+  }
+  WriteFile(s_seg_av, seg_lv);
+  s_text_lv = ReadFile(s_idx_av);
+  std::vector<uint8_t> idx_lv(s_text_lv.begin(), s_text_lv.end());
+  for (size_t pos = 0; pos + 32 <= idx_lv.size(); pos += 32) Put32(&idx_lv, pos + 28, crc(idx_lv, pos, 28, 0));
+  WriteFile(s_idx_av, idx_lv);
+}
+
+// Folders recorded before the checksum changed stay readable: listed,
+// verified, repaired (with an index of their own version) and exported the
+// same, and a new session adds current segments beside them.
+TEST_F(ArchiveReaderTest, FirstFormatFoldersStillListVerifyRepairAndExport) {
+  Frames(10);
+  std::string s_csv_lv = m_dir.m_s_path + "/frames.csv";
+  std::string s_export_lv = "export --root " + m_dir.m_s_path + " --camera " + Camera() + " --table csv --out " + s_csv_lv;
+  ASSERT_EQ(0, RunTool(s_export_lv).m_i_status);
+  std::string s_table_lv = ReadFile(s_csv_lv);
+  MakeVersion1(Seg(), Idx());
+  warc::SegHead head_lv;
+  ASSERT_TRUE(warc::ReadSegHead(Seg(), &head_lv));
+  EXPECT_EQ(1u, head_lv.m_ui_version);
+
+  ToolRun run_lv = RunTool("list --root " + m_dir.m_s_path);
+  EXPECT_NE(std::string::npos, run_lv.m_s_output.find("video: 1 segments, 10 frames, 2 key frames")) << run_lv.m_s_output;
+  run_lv = RunTool("verify --root " + m_dir.m_s_path);
+  EXPECT_EQ(0, run_lv.m_i_status) << run_lv.m_s_output;
+  ASSERT_EQ(0, RunTool(s_export_lv).m_i_status);
+  EXPECT_EQ(s_table_lv, ReadFile(s_csv_lv));
+
+  ASSERT_EQ(0, truncate(Seg().c_str(), Size(Seg()) - 3));
+  EXPECT_EQ(0, RunTool("verify --repair --root " + m_dir.m_s_path).m_i_status);
+  run_lv = RunTool("verify --root " + m_dir.m_s_path);
+  EXPECT_EQ(0, run_lv.m_i_status) << run_lv.m_s_output;
+  EXPECT_EQ(static_cast<off_t>(9 * warc::IDX_ENTRY_SIZE), Size(Idx()));
+
+  ASSERT_EQ(0, L.GetHandleForWrite(&m_i_handle, 0, 0, 1, m_keys.m_keys, 0, 0, 1, 0));
+  Frame(true, 0x3000, m_i64_t0 + 20 * TICKS_S, "next");
+  L.CloseHandleWrite(m_i_handle);
+  run_lv = RunTool("verify --root " + m_dir.m_s_path);
+  EXPECT_EQ(0, run_lv.m_i_status) << run_lv.m_s_output;
+  ASSERT_TRUE(warc::ReadSegHead(Stream().m_s_dir + "/00000002.wseg", &head_lv));
+  EXPECT_EQ(warc::FORMAT_VERSION, head_lv.m_ui_version);
+  run_lv = RunTool("list --root " + m_dir.m_s_path);
+  EXPECT_NE(std::string::npos, run_lv.m_s_output.find("video: 2 segments, 10 frames")) << run_lv.m_s_output;
 }
 
 TEST_F(ArchiveReaderTest, VerifyFlagsFallingTimesAndBrokenNumbering) {

@@ -15,26 +15,6 @@ namespace warc {
 
 namespace {
 
-// Eight tables, so that the checksum takes eight bytes a step (slicing by
-// eight): the payload of every frame passes through it on the write path.
-// Table 0 is the common byte table; table k advances a byte by k more.
-struct CrcTable {
-  uint32_t m_ui_table[8][256];
-  CrcTable() {
-    for (uint32_t ui_lv = 0; ui_lv < 256; ui_lv++) {
-      uint32_t ui_c_lv = ui_lv;
-      for (int i_lv = 0; i_lv < 8; i_lv++) ui_c_lv = (ui_c_lv & 1) ? 0xEDB88320u ^ (ui_c_lv >> 1) : ui_c_lv >> 1;
-      m_ui_table[0][ui_lv] = ui_c_lv;
-    }
-    for (int i_k_lv = 1; i_k_lv < 8; i_k_lv++)
-      for (uint32_t ui_lv = 0; ui_lv < 256; ui_lv++) {
-        uint32_t ui_prev_lv = m_ui_table[i_k_lv - 1][ui_lv];
-        m_ui_table[i_k_lv][ui_lv] = (ui_prev_lv >> 8) ^ m_ui_table[0][ui_prev_lv & 0xFF];
-      }
-  }
-};
-const CrcTable g_crc_table;
-
 // Closes a stdio file at scope end.
 struct FileCloser {
   FILE* m_p_file;
@@ -45,21 +25,9 @@ struct FileCloser {
 
 }  // namespace
 
-uint32_t Crc32(const void* p_data_av, size_t ui_len_av, uint32_t ui_crc_av) {
-  const uint8_t* pb_lv = static_cast<const uint8_t*>(p_data_av);
-  const uint32_t(*t_lv)[256] = g_crc_table.m_ui_table;
-  uint32_t ui_c_lv = ui_crc_av ^ 0xFFFFFFFFu;
-  size_t ui_lv = 0;
-  for (; ui_lv + 8 <= ui_len_av; ui_lv += 8) {
-    uint32_t ui_lo_lv = ui_c_lv ^ (static_cast<uint32_t>(pb_lv[ui_lv]) | static_cast<uint32_t>(pb_lv[ui_lv + 1]) << 8 |
-                                  static_cast<uint32_t>(pb_lv[ui_lv + 2]) << 16 |
-                                  static_cast<uint32_t>(pb_lv[ui_lv + 3]) << 24);
-    ui_c_lv = t_lv[7][ui_lo_lv & 0xFF] ^ t_lv[6][(ui_lo_lv >> 8) & 0xFF] ^ t_lv[5][(ui_lo_lv >> 16) & 0xFF] ^
-              t_lv[4][ui_lo_lv >> 24] ^ t_lv[3][pb_lv[ui_lv + 4]] ^ t_lv[2][pb_lv[ui_lv + 5]] ^
-              t_lv[1][pb_lv[ui_lv + 6]] ^ t_lv[0][pb_lv[ui_lv + 7]];
-  }
-  for (; ui_lv < ui_len_av; ui_lv++) ui_c_lv = t_lv[0][(ui_c_lv ^ pb_lv[ui_lv]) & 0xFF] ^ (ui_c_lv >> 8);
-  return ui_c_lv ^ 0xFFFFFFFFu;
+uint32_t FormatChecksum(uint32_t ui_version_av, const void* p_data_av, size_t ui_len_av, uint32_t ui_crc_av) {
+  return ui_version_av == FORMAT_VERSION_1 ? Crc32(p_data_av, ui_len_av, ui_crc_av)
+                                           : Crc32c(p_data_av, ui_len_av, ui_crc_av);
 }
 
 void PutU32(uint8_t* pb_av, uint32_t ui_av) {
@@ -82,16 +50,19 @@ uint16_t GetU16(const uint8_t* pb_av) { return static_cast<uint16_t>(pb_av[0] | 
 
 void EncodeSegHead(const SegHead& head_av, uint8_t* pb_out_av) {
   memcpy(pb_out_av, SEG_MAGIC, 8);
-  PutU32(pb_out_av + 8, FORMAT_VERSION);
+  PutU32(pb_out_av + 8, head_av.m_ui_version);
   PutU32(pb_out_av + 12, head_av.m_ui_kind);
   PutU64(pb_out_av + 16, static_cast<uint64_t>(head_av.m_i64_created));
   PutU32(pb_out_av + 24, head_av.m_ui_seq);
-  PutU32(pb_out_av + 28, Crc32(pb_out_av, 28));
+  PutU32(pb_out_av + 28, FormatChecksum(head_av.m_ui_version, pb_out_av, 28));
 }
 
 bool DecodeSegHead(const uint8_t* pb_av, SegHead* p_out_av) {
-  if (memcmp(pb_av, SEG_MAGIC, 8) != 0 || GetU32(pb_av + 8) != FORMAT_VERSION) return false;
-  if (GetU32(pb_av + 28) != Crc32(pb_av, 28)) return false;
+  uint32_t ui_version_lv = GetU32(pb_av + 8);
+  if (memcmp(pb_av, SEG_MAGIC, 8) != 0 || (ui_version_lv != FORMAT_VERSION_1 && ui_version_lv != FORMAT_VERSION))
+    return false;
+  if (GetU32(pb_av + 28) != FormatChecksum(ui_version_lv, pb_av, 28)) return false;
+  p_out_av->m_ui_version = ui_version_lv;
   p_out_av->m_ui_kind = GetU32(pb_av + 12);
   p_out_av->m_i64_created = static_cast<int64_t>(GetU64(pb_av + 16));
   p_out_av->m_ui_seq = GetU32(pb_av + 24);
@@ -99,13 +70,14 @@ bool DecodeSegHead(const uint8_t* pb_av, SegHead* p_out_av) {
 }
 
 void EncodeRecHead(int64_t i64_time_av, uint8_t ui_type_av, const void* p_payload_av, uint32_t ui_size_av,
-                   uint8_t* pb_out_av) {
+                   uint8_t* pb_out_av, uint32_t ui_version_av) {
   PutU32(pb_out_av, REC_MAGIC);
   PutU32(pb_out_av + 4, ui_size_av);
   PutU64(pb_out_av + 8, static_cast<uint64_t>(i64_time_av));
   pb_out_av[16] = ui_type_av;
   pb_out_av[17] = pb_out_av[18] = pb_out_av[19] = 0;
-  PutU32(pb_out_av + 20, Crc32(p_payload_av, ui_size_av, Crc32(pb_out_av, 20)));
+  uint32_t ui_head_crc_lv = FormatChecksum(ui_version_av, pb_out_av, 20);
+  PutU32(pb_out_av + 20, FormatChecksum(ui_version_av, p_payload_av, ui_size_av, ui_head_crc_lv));
 }
 
 bool operator==(const IndexEntry& a_av, const IndexEntry& b_av) {
@@ -113,18 +85,18 @@ bool operator==(const IndexEntry& a_av, const IndexEntry& b_av) {
          a_av.m_ui_size == b_av.m_ui_size && a_av.m_ui_number == b_av.m_ui_number && a_av.m_ui_type == b_av.m_ui_type;
 }
 
-void EncodeIndexEntry(const IndexEntry& entry_av, uint8_t* pb_out_av) {
+void EncodeIndexEntry(const IndexEntry& entry_av, uint8_t* pb_out_av, uint32_t ui_version_av) {
   PutU64(pb_out_av, static_cast<uint64_t>(entry_av.m_i64_time));
   PutU64(pb_out_av + 8, entry_av.m_ui64_offset);
   PutU32(pb_out_av + 16, entry_av.m_ui_size);
   PutU32(pb_out_av + 20, entry_av.m_ui_number);
   pb_out_av[24] = entry_av.m_ui_type;
   pb_out_av[25] = pb_out_av[26] = pb_out_av[27] = 0;
-  PutU32(pb_out_av + 28, Crc32(pb_out_av, 28));
+  PutU32(pb_out_av + 28, FormatChecksum(ui_version_av, pb_out_av, 28));
 }
 
-bool DecodeIndexEntry(const uint8_t* pb_av, IndexEntry* p_out_av) {
-  if (GetU32(pb_av + 28) != Crc32(pb_av, 28)) return false;
+bool DecodeIndexEntry(const uint8_t* pb_av, IndexEntry* p_out_av, uint32_t ui_version_av) {
+  if (GetU32(pb_av + 28) != FormatChecksum(ui_version_av, pb_av, 28)) return false;
   p_out_av->m_i64_time = static_cast<int64_t>(GetU64(pb_av));
   p_out_av->m_ui64_offset = GetU64(pb_av + 8);
   p_out_av->m_ui_size = GetU32(pb_av + 16);
@@ -185,7 +157,9 @@ bool ScanSegment(const std::string& s_path_av, SegScan* p_out_av, FrameFn p_fram
       p_out_av->m_s_tail_reason = "record cut short";
       break;
     }
-    if (GetU32(pb_rec_lv + 20) != Crc32(payload_lv.data(), ui_size_lv, Crc32(pb_rec_lv, 20))) {
+    uint32_t ui_version_lv = p_out_av->m_head.m_ui_version;
+    uint32_t ui_head_crc_lv = FormatChecksum(ui_version_lv, pb_rec_lv, 20);
+    if (GetU32(pb_rec_lv + 20) != FormatChecksum(ui_version_lv, payload_lv.data(), ui_size_lv, ui_head_crc_lv)) {
       p_out_av->m_s_tail_reason = "record checksum wrong";
       break;
     }
@@ -203,7 +177,15 @@ bool ScanSegment(const std::string& s_path_av, SegScan* p_out_av, FrameFn p_fram
   return true;
 }
 
-bool ReadIndex(const std::string& s_path_av, std::vector<IndexEntry>* p_out_av, uint64_t* p_file_size_av) {
+bool ReadSegHead(const std::string& s_path_av, SegHead* p_out_av) {
+  FileCloser file_lv{fopen(s_path_av.c_str(), "rb")};
+  uint8_t pb_head_lv[SEG_HEAD_SIZE];
+  return file_lv.m_p_file != nullptr && fread(pb_head_lv, 1, SEG_HEAD_SIZE, file_lv.m_p_file) == SEG_HEAD_SIZE &&
+         DecodeSegHead(pb_head_lv, p_out_av);
+}
+
+bool ReadIndex(const std::string& s_path_av, uint32_t ui_version_av, std::vector<IndexEntry>* p_out_av,
+               uint64_t* p_file_size_av) {
   p_out_av->clear();
   *p_file_size_av = 0;
   FileCloser file_lv{fopen(s_path_av.c_str(), "rb")};
@@ -214,7 +196,7 @@ bool ReadIndex(const std::string& s_path_av, std::vector<IndexEntry>* p_out_av, 
   while ((ui_got_lv = fread(pb_lv, 1, IDX_ENTRY_SIZE, file_lv.m_p_file)) > 0) {
     *p_file_size_av += ui_got_lv;
     IndexEntry entry_lv;
-    if (b_bad_lv || ui_got_lv != IDX_ENTRY_SIZE || !DecodeIndexEntry(pb_lv, &entry_lv)) {
+    if (b_bad_lv || ui_got_lv != IDX_ENTRY_SIZE || !DecodeIndexEntry(pb_lv, &entry_lv, ui_version_av)) {
       b_bad_lv = true;
       continue;
     }
@@ -225,14 +207,14 @@ bool ReadIndex(const std::string& s_path_av, std::vector<IndexEntry>* p_out_av, 
 
 namespace {
 
-bool WriteIndexFile(const std::string& s_path_av, const std::vector<IndexEntry>& entries_av) {
+bool WriteIndexFile(const std::string& s_path_av, uint32_t ui_version_av, const std::vector<IndexEntry>& entries_av) {
   std::string s_tmp_lv = s_path_av + ".tmp";
   FILE* p_file_lv = fopen(s_tmp_lv.c_str(), "wb");
   if (p_file_lv == nullptr) return false;
   bool b_ok_lv = true;
   for (const IndexEntry& entry_lv : entries_av) {
     uint8_t pb_lv[IDX_ENTRY_SIZE];
-    EncodeIndexEntry(entry_lv, pb_lv);
+    EncodeIndexEntry(entry_lv, pb_lv, ui_version_av);
     if (fwrite(pb_lv, 1, IDX_ENTRY_SIZE, p_file_lv) != IDX_ENTRY_SIZE) b_ok_lv = false;
   }
   if (fclose(p_file_lv) != 0) b_ok_lv = false;
@@ -260,12 +242,13 @@ bool RepairSegment(const std::string& s_seg_av, const std::string& s_idx_av, Rep
   p_out_av->m_ui_frames = scan_lv.m_entries.size();
   std::vector<IndexEntry> index_lv;
   uint64_t ui64_idx_size_lv = 0;
-  bool b_have_lv = ReadIndex(s_idx_av, &index_lv, &ui64_idx_size_lv);
+  uint32_t ui_version_lv = scan_lv.m_head.m_ui_version;
+  bool b_have_lv = ReadIndex(s_idx_av, ui_version_lv, &index_lv, &ui64_idx_size_lv);
   bool b_same_lv = b_have_lv && index_lv == scan_lv.m_entries &&
                    ui64_idx_size_lv == index_lv.size() * static_cast<uint64_t>(IDX_ENTRY_SIZE);
   if (b_same_lv) return true;
   p_out_av->m_b_index_rebuilt = true;
-  return WriteIndexFile(s_idx_av, scan_lv.m_entries);
+  return WriteIndexFile(s_idx_av, ui_version_lv, scan_lv.m_entries);
 }
 
 std::string SegmentFileName(uint32_t ui_seq_av) {

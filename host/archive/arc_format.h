@@ -9,10 +9,15 @@
 #include <string>
 #include <vector>
 
+#include "host/archive/arc_crc.h"
+
 namespace warc {
 
 const char SEG_MAGIC[9] = "WARCSEG1";
-const uint32_t FORMAT_VERSION = 1;
+// Version 1 checksums with CRC-32; version 2, the one written, with CRC-32C.
+// Both are read.
+const uint32_t FORMAT_VERSION_1 = 1;
+const uint32_t FORMAT_VERSION = 2;
 const uint32_t SEG_HEAD_SIZE = 32;
 const uint32_t REC_MAGIC = 0x31524657u;  // "WFR1" read as little-endian
 const uint32_t REC_HEAD_SIZE = 24;
@@ -28,7 +33,8 @@ const uint8_t TYPE_KEY = 2;
 inline bool TypeIsAudio(uint32_t ui_type_av) { return (ui_type_av & 192u) == 64u; }
 inline const char* KindName(uint32_t ui_kind_av) { return ui_kind_av == KIND_AUDIO ? "audio" : "video"; }
 
-uint32_t Crc32(const void* p_data_av, size_t ui_len_av, uint32_t ui_crc_av = 0);
+// The checksum of a file of the given version.
+uint32_t FormatChecksum(uint32_t ui_version_av, const void* p_data_av, size_t ui_len_av, uint32_t ui_crc_av = 0);
 
 void PutU32(uint8_t* pb_av, uint32_t ui_av);
 void PutU64(uint8_t* pb_av, uint64_t ui64_av);
@@ -40,14 +46,17 @@ struct SegHead {
   uint32_t m_ui_kind;
   int64_t m_i64_created;
   uint32_t m_ui_seq;
+  uint32_t m_ui_version = FORMAT_VERSION;  // decides every checksum of the segment and its index
 };
 void EncodeSegHead(const SegHead& head_av, uint8_t* pb_out_av);
 bool DecodeSegHead(const uint8_t* pb_av, SegHead* p_out_av);
+// Reads and decodes the head of a segment file; false when it has none.
+bool ReadSegHead(const std::string& s_path_av, SegHead* p_out_av);
 
 // Head of one frame record; the checksum covers the head's first 20 bytes and
 // the payload.
 void EncodeRecHead(int64_t i64_time_av, uint8_t ui_type_av, const void* p_payload_av, uint32_t ui_size_av,
-                   uint8_t* pb_out_av);
+                   uint8_t* pb_out_av, uint32_t ui_version_av = FORMAT_VERSION);
 
 // One frame as the index and the readers see it.
 struct IndexEntry {
@@ -58,8 +67,8 @@ struct IndexEntry {
   uint8_t m_ui_type;
 };
 bool operator==(const IndexEntry& a_av, const IndexEntry& b_av);
-void EncodeIndexEntry(const IndexEntry& entry_av, uint8_t* pb_out_av);
-bool DecodeIndexEntry(const uint8_t* pb_av, IndexEntry* p_out_av);
+void EncodeIndexEntry(const IndexEntry& entry_av, uint8_t* pb_out_av, uint32_t ui_version_av = FORMAT_VERSION);
+bool DecodeIndexEntry(const uint8_t* pb_av, IndexEntry* p_out_av, uint32_t ui_version_av);
 
 // Frame number at offset 20 of a frame block with a recognised head, else 0.
 uint32_t BlockFrameNumber(const void* p_block_av, uint32_t ui_size_av);
@@ -79,8 +88,10 @@ typedef void (*FrameFn)(void* p_user_av, const IndexEntry& entry_av, const uint8
 bool ScanSegment(const std::string& s_path_av, SegScan* p_out_av, FrameFn p_frame_av = nullptr,
                  void* p_user_av = nullptr);
 
-// Reads the good entries of an index file, stopping at the first bad one.
-bool ReadIndex(const std::string& s_path_av, std::vector<IndexEntry>* p_out_av, uint64_t* p_file_size_av);
+// Reads the good entries of an index file of a segment of the given
+// version, stopping at the first bad one.
+bool ReadIndex(const std::string& s_path_av, uint32_t ui_version_av, std::vector<IndexEntry>* p_out_av,
+               uint64_t* p_file_size_av);
 
 struct RepairReport {
   bool m_b_removed = false;       // nothing usable: the files were deleted

@@ -93,9 +93,26 @@ bool SegmentIsFull(const ArcStream* p_stream_av, const ArcConfig& config_av, int
   return i64_time_av - p_stream_av->m_i64_seg_first_time >= config_av.m_i64_segment_max_ticks;
 }
 
+void FlushIndex(ArcStream* p_stream_av) {
+  if (p_stream_av->m_ui_index_batched == 0) return;
+  ssize_t i_want_lv = static_cast<ssize_t>(p_stream_av->m_ui_index_batched * IDX_ENTRY_SIZE);
+  p_stream_av->m_ui_index_batched = 0;
+  // A lost index entry is rebuilt from the segment at the next open.
+  if (p_stream_av->m_h_idx < 0 || write(p_stream_av->m_h_idx, p_stream_av->m_pb_index_batch, i_want_lv) != i_want_lv)
+    fprintf(stderr, "warchive: index write failed in %s\n", p_stream_av->m_s_dir.c_str());
+}
+
+// Queues the index entry of the record just written.
+void BatchIndexEntry(ArcStream* p_stream_av, const IndexEntry& entry_av, bool b_sync_av) {
+  EncodeIndexEntry(entry_av, p_stream_av->m_pb_index_batch + p_stream_av->m_ui_index_batched * IDX_ENTRY_SIZE);
+  p_stream_av->m_ui_index_batched++;
+  if (b_sync_av || p_stream_av->m_ui_index_batched == ArcStream::INDEX_BATCH) FlushIndex(p_stream_av);
+}
+
 }  // namespace
 
 void StreamCloseSegment(ArcStream* p_stream_av) {
+  FlushIndex(p_stream_av);
   if (p_stream_av->m_h_seg >= 0) close(p_stream_av->m_h_seg);
   if (p_stream_av->m_h_idx >= 0) close(p_stream_av->m_h_idx);
   p_stream_av->m_h_seg = p_stream_av->m_h_idx = -1;
@@ -123,11 +140,7 @@ int32_t StreamAppend(ArcStream* p_stream_av, const ArcConfig& config_av, int64_t
   }
   IndexEntry entry_lv{i64_time_av, p_stream_av->m_ui64_seg_size, ui_size_av, BlockFrameNumber(p_data_av, ui_size_av),
                       ui_type_av};
-  uint8_t pb_entry_lv[IDX_ENTRY_SIZE];
-  EncodeIndexEntry(entry_lv, pb_entry_lv);
-  // A lost index entry is rebuilt from the segment at the next open.
-  if (write(p_stream_av->m_h_idx, pb_entry_lv, IDX_ENTRY_SIZE) != static_cast<ssize_t>(IDX_ENTRY_SIZE))
-    fprintf(stderr, "warchive: index write failed in %s\n", p_stream_av->m_s_dir.c_str());
+  BatchIndexEntry(p_stream_av, entry_lv, config_av.m_b_sync);
   if (config_av.m_b_sync) fdatasync(p_stream_av->m_h_seg);
   if (p_stream_av->m_ui_seg_frames == 0) p_stream_av->m_i64_seg_first_time = i64_time_av;
   p_stream_av->m_ui_seg_frames++;
@@ -142,7 +155,10 @@ namespace {
 bool SegmentLastTime(const std::string& s_dir_av, uint32_t ui_seq_av, int64_t* p_time_av) {
   std::vector<IndexEntry> index_lv;
   uint64_t ui64_size_lv = 0;
-  if (ReadIndex(s_dir_av + "/" + IndexFileName(ui_seq_av), &index_lv, &ui64_size_lv) && !index_lv.empty()) {
+  SegHead head_lv;
+  if (ReadSegHead(s_dir_av + "/" + SegmentFileName(ui_seq_av), &head_lv) &&
+      ReadIndex(s_dir_av + "/" + IndexFileName(ui_seq_av), head_lv.m_ui_version, &index_lv, &ui64_size_lv) &&
+      !index_lv.empty()) {
     *p_time_av = index_lv.back().m_i64_time;
     return true;
   }

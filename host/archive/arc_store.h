@@ -9,10 +9,17 @@
 #include <string>
 
 #include "host/archive/arc_config.h"
+#include "host/archive/arc_format.h"
 
 namespace warc {
 
 struct ArcStream {
+  // Index entries go out in batches of this many, or when the segment
+  // closes: an index that lacks its last batch after a crash is rebuilt from
+  // the segment, so holding them back loses nothing, and saves a system
+  // call on nearly every frame.
+  static const uint32_t INDEX_BATCH = 64;
+
   std::mutex m_mutex;
   std::string m_s_dir;
   uint32_t m_ui_kind = 0;
@@ -24,6 +31,8 @@ struct ArcStream {
   uint64_t m_ui64_seg_size = 0;
   int64_t m_i64_seg_first_time = 0;
   uint32_t m_ui_seg_frames = 0;
+  uint8_t m_pb_index_batch[INDEX_BATCH * IDX_ENTRY_SIZE];
+  uint32_t m_ui_index_batched = 0;
   int64_t m_i64_next_depth_check = 0;
   int m_i_users = 0;  // sessions holding the stream; guarded by the owner's table lock
 };
