@@ -252,6 +252,16 @@ TEST_F(StreamTest, LiveCameraRecordsReconnectsAndExportsToMp4) {
   double recorded = static_cast<double>(video.back() - video.front()) / 1e7;
   EXPECT_NEAR(recorded + 0.04, duration, 0.05);
   EXPECT_EQ("", Shell("ffmpeg -v error -nostdin -i " + mp4 + " -f null - 2>&1"));
+  // Matroska keeps the A-law audio that MP4 cannot hold; the camera's own
+  // folder name is enough.
+  std::string mkv = m_dir + "/out.mkv";
+  Shell(WRITER_BIN_DIR "/writer-archive export --root " + m_dir + "/arc --camera A_live_C --format mkv --out " + mkv +
+            " 2>&1",
+        &rc);
+  ASSERT_EQ(0, rc);
+  EXPECT_EQ("codec_name=h264\nnb_read_frames=" + std::to_string(video.size()) + "\ncodec_name=pcm_alaw\nnb_read_frames=" +
+                std::to_string(audio.size()) + "\n",
+            Probe(mkv, "-show_entries stream=codec_name,nb_read_frames"));
 }
 
 // A file whose timestamps wrap and then fall back: what the plug-in gets

@@ -125,7 +125,10 @@ void AddAudio(Export* p_av, std::string* p_note_av) {
     *p_note_av = "audio of a codec the container export does not know is left out";
     return;
   }
-  if (avformat_query_codec(p_av->m_p_fmt->oformat, p_av->m_audio_codec, FF_COMPLIANCE_NORMAL) != 1) {
+  // Matroska takes any audio (as a WAVE format when it has no tag of its
+  // own); MP4 only what its muxer lists.
+  bool b_mp4_lv = strcmp(p_av->m_p_fmt->oformat->name, "mp4") == 0;
+  if (b_mp4_lv && avformat_query_codec(p_av->m_p_fmt->oformat, p_av->m_audio_codec, FF_COMPLIANCE_NORMAL) != 1) {
     *p_note_av = std::string("audio left out: ") + p_av->m_p_fmt->oformat->name + " cannot hold " +
                  avcodec_get_name(p_av->m_audio_codec) + " (mkv keeps it)";
     return;
@@ -297,7 +300,11 @@ bool ArcExportContainerReport(const std::string& root, const std::string& camera
   const StreamRef* p_audio_lv = nullptr;
   std::vector<StreamRef> streams_lv = FindStreams(root);
   for (const StreamRef& stream_lv : streams_lv) {
-    if (stream_lv.m_s_camera != camera) continue;
+    // The camera as list shows it, or its own folder name under a storage.
+    const std::string& s_name_lv = stream_lv.m_s_camera;
+    size_t ui_slash_lv = s_name_lv.rfind('/');
+    if (s_name_lv != camera && (ui_slash_lv == std::string::npos || s_name_lv.compare(ui_slash_lv + 1, std::string::npos, camera) != 0))
+      continue;
     (stream_lv.m_s_kind == "video" ? p_video_lv : p_audio_lv) = &stream_lv;
   }
   if (p_video_lv == nullptr) return *p_error = "no video of camera " + camera + " under " + root, false;
