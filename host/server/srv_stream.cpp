@@ -28,7 +28,6 @@ struct SrvStreamState {
   std::vector<uint8_t> m_video_extra;  // parameter sets, Annex-B
   std::vector<uint8_t> m_audio_extra;  // AAC's configuration
   int64_t m_i64_deadline = 0;      // performance counter; the callback ends a wait past it
-  bool m_b_seen_packet = false;    // this session delivered a frame
   // Across sessions.
   bool m_b_ever_open = false;
   int m_i_tries = 0;               // failed opens in a row
@@ -182,7 +181,6 @@ bool Connect(SrvStream* p_av) {
         Line(p_av, "stream back after " + std::to_string(p_lv->m_i_tries + 1) + " tries");
       }
       p_lv->m_b_ever_open = true;
-      p_lv->m_b_seen_packet = false;
       p_lv->m_i_tries = 0;
       p_lv->m_clock.m_b_started = false;
       return true;
