@@ -3,12 +3,15 @@
 // clip in tests/data.
 #include "host/server/srv_h264.h"
 
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "host/server/srv_media.h"
 
 namespace {
 
@@ -129,6 +132,35 @@ TEST(ServerH264, SpsReaderHandlesCroppingEmulationBytesAndTruncation) {
   EXPECT_FALSE(SrvReadSps(cut.data(), cut.size(), &sps));
   Bytes none = {0, 0, 1, PPS, 0xCE};
   EXPECT_FALSE(SrvReadSps(none.data(), none.size(), &sps));
+}
+
+// The file source reads in pieces: whatever the piece size, it gives the
+// units the whole-file cut gives, again after a loop, and stops with a
+// reason on a file that is one endless unit.
+TEST(ServerH264, FileReadInPiecesGivesTheUnitsOfTheWholeFile) {
+  Bytes clip = ReadClip();
+  std::vector<SrvAccessUnit> units = SrvSplitAccessUnits(clip.data(), clip.size());
+  ASSERT_GT(units.size(), 100u);
+  SrvSourceConfig cfg;
+  cfg.m_s_file = WRITER_SOURCE_DIR "/tests/data/clip.h264";
+  for (size_t chunk : {size_t(7), size_t(1000), size_t(1) << 20}) {
+    SrvH264File file;
+    file.m_ui_chunk = chunk;
+    std::string error;
+    ASSERT_TRUE(SrvH264FileOpen(&file, cfg, true, &error)) << error;
+    EXPECT_EQ(320, file.m_sps.m_i_width);
+    SrvMediaFrame frame;
+    for (size_t i = 0; i < units.size() + 3; i++) {
+      ASSERT_TRUE(SrvH264FileNext(&file, &frame)) << "chunk " << chunk << " unit " << i;
+      const SrvAccessUnit& u = units[i % units.size()];
+      ASSERT_EQ(u.m_ui_size, frame.m_ui_size) << "chunk " << chunk << " unit " << i;
+      EXPECT_EQ(0, memcmp(clip.data() + u.m_ui_offset, frame.m_pb_data, u.m_ui_size));
+      EXPECT_EQ(u.m_b_key ? 1 : 0, frame.m_i_key);
+      EXPECT_EQ(static_cast<int64_t>(i), frame.m_i64_index);
+    }
+    EXPECT_LE(file.m_buf.capacity(), 3 * chunk + 200000) << "memory holds pieces, not the file";
+    SrvH264FileClose(&file);
+  }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // readers once; everything else only reads the result.
 #include "host/server/srv_config.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -127,6 +128,24 @@ bool ReadTextList(yajl_val p_root_av, const char* s_key_av, std::vector<std::str
   return true;
 }
 
+// The stream source's own settings; false when one has the wrong type.
+bool ReadStreamSettings(yajl_val p_src_av, SrvSourceConfig* p_out_av) {
+  bool b_ok_lv = true;
+  int64_t i64_lv = 0;
+  std::string s_transport_lv = "tcp";
+  SrvJsonText(p_src_av, "url", &p_out_av->m_s_url, &b_ok_lv);
+  SrvJsonText(p_src_av, "transport", &s_transport_lv, &b_ok_lv);
+  if (s_transport_lv != "tcp" && s_transport_lv != "udp") b_ok_lv = false;
+  p_out_av->m_b_udp = s_transport_lv == "udp";
+  if (SrvJsonInt(p_src_av, "connect_timeout_ms", &i64_lv, &b_ok_lv))
+    p_out_av->m_i_connect_timeout_ms = static_cast<int>(std::min<int64_t>(i64_lv, 3600000));
+  if (SrvJsonInt(p_src_av, "read_timeout_ms", &i64_lv, &b_ok_lv))
+    p_out_av->m_i_read_timeout_ms = static_cast<int>(std::min<int64_t>(i64_lv, 3600000));
+  if (SrvJsonInt(p_src_av, "retry_max_ms", &i64_lv, &b_ok_lv))
+    p_out_av->m_i_retry_max_ms = static_cast<int>(std::min<int64_t>(i64_lv, 3600000));
+  return b_ok_lv;
+}
+
 bool ReadSource(yajl_val p_src_av, const std::string& s_where_av, const std::string& s_base_dir_av,
                 SrvSourceConfig* p_out_av, std::string* p_error_av) {
   if (p_src_av == nullptr) return true;  // the synthetic default
@@ -143,11 +162,18 @@ bool ReadSource(yajl_val p_src_av, const std::string& s_where_av, const std::str
   if (SrvJsonInt(p_src_av, "audio_frame_ms", &i64_lv, &b_ok_lv)) p_out_av->m_i_audio_frame_ms = static_cast<int>(i64_lv);
   SrvJsonBool(p_src_av, "video", &p_out_av->m_b_video, &b_ok_lv);
   SrvJsonBool(p_src_av, "audio", &p_out_av->m_b_audio, &b_ok_lv);
+  if (!ReadStreamSettings(p_src_av, p_out_av)) b_ok_lv = false;
   if (!b_ok_lv) return *p_error_av = s_where_av + ": a setting of \"source\" has the wrong type", false;
   if (p_out_av->m_s_type == "h264") {
     if (p_out_av->m_s_file.empty()) return *p_error_av = s_where_av + ": an h264 source needs \"file\"", false;
     if (p_out_av->m_s_file[0] != '/') p_out_av->m_s_file = s_base_dir_av + "/" + p_out_av->m_s_file;
     p_out_av->m_b_audio = false;
+  } else if (p_out_av->m_s_type == "stream") {
+    if (p_out_av->m_s_url.empty()) return *p_error_av = s_where_av + ": a stream source needs \"url\"", false;
+    if (p_out_av->m_s_url.find("://") == std::string::npos && p_out_av->m_s_url[0] != '/')
+      p_out_av->m_s_url = s_base_dir_av + "/" + p_out_av->m_s_url;
+    if (p_out_av->m_i_connect_timeout_ms <= 0 || p_out_av->m_i_read_timeout_ms <= 0 || p_out_av->m_i_retry_max_ms <= 0)
+      return *p_error_av = s_where_av + ": the stream's time-outs are positive milliseconds", false;
   } else if (p_out_av->m_s_type != "synthetic") {
     return *p_error_av = s_where_av + ": unknown source type '" + p_out_av->m_s_type + "'", false;
   }

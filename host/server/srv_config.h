@@ -9,8 +9,14 @@
 
 // Where a camera's frames come from.
 struct SrvSourceConfig {
-  std::string m_s_type = "synthetic";  // "synthetic" or "h264"
+  std::string m_s_type = "synthetic";  // "synthetic", "h264" or "stream"
   std::string m_s_file;                // H.264 Annex-B file, for "h264"
+  // "stream": a camera's URL (rtsp://...) or a media file FFmpeg opens.
+  std::string m_s_url;
+  bool m_b_udp = false;                // RTSP over UDP instead of TCP
+  int m_i_connect_timeout_ms = 5000;   // to open the stream
+  int m_i_read_timeout_ms = 5000;      // with no packet this long, the stream has dropped
+  int m_i_retry_max_ms = 10000;        // reconnection back-off grows to this
   double m_d_fps = 0;                  // 0: the file's own rate, else 25
   int m_i_key_interval_ms = 2000;      // synthetic: a key frame this often
   int m_i_width = 640;                 // synthetic picture size

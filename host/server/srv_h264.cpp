@@ -74,6 +74,30 @@ std::vector<SrvAccessUnit> SrvSplitAccessUnits(const uint8_t* pb_av, size_t ui_s
   return units_lv;
 }
 
+bool SrvCutFirstUnit(const uint8_t* pb_av, size_t ui_size_av, bool b_end_av, SrvAccessUnit* p_out_av) {
+  // Without the end, a unit whose header lies this near the edge may not be
+  // whole yet: its start code or first slice byte could be cut.
+  const size_t EDGE = 8;
+  *p_out_av = SrvAccessUnit();
+  bool b_picture_lv = false;
+  for (size_t ui_at_lv = FindStartCode(pb_av, ui_size_av, 0); ui_at_lv + 3 < ui_size_av;
+       ui_at_lv = FindStartCode(pb_av, ui_size_av, ui_at_lv + 3)) {
+    if (!b_end_av && ui_at_lv + EDGE >= ui_size_av) return false;
+    Nal nal_lv{ui_at_lv > 0 && pb_av[ui_at_lv - 1] == 0 ? ui_at_lv - 1 : ui_at_lv, ui_at_lv + 3};
+    int i_type_lv = NalType(pb_av[nal_lv.m_ui_header]);
+    if (b_picture_lv && OpensUnit(pb_av, ui_size_av, nal_lv)) {
+      p_out_av->m_ui_size = nal_lv.m_ui_begin;
+      return true;
+    }
+    b_picture_lv = b_picture_lv || IsPicture(i_type_lv);
+    p_out_av->m_b_key = p_out_av->m_b_key || i_type_lv == 5;
+    p_out_av->m_b_has_sps = p_out_av->m_b_has_sps || i_type_lv == 7;
+  }
+  if (!b_end_av || !b_picture_lv) return false;
+  p_out_av->m_ui_size = ui_size_av;
+  return true;
+}
+
 namespace {
 
 // Reads the bits of a NAL payload with the emulation prevention bytes

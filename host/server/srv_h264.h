@@ -22,6 +22,11 @@ struct SrvAccessUnit {
 // first unit. A stream with no picture gives no unit.
 std::vector<SrvAccessUnit> SrvSplitAccessUnits(const uint8_t* pb_av, size_t ui_size_av);
 
+// The first access unit of a span that may continue beyond it (a file read
+// in pieces). True when its end is known: another unit starts after it, or
+// b_end_av says the span is all there is. The unit starts at 0.
+bool SrvCutFirstUnit(const uint8_t* pb_av, size_t ui_size_av, bool b_end_av, SrvAccessUnit* p_out_av);
+
 // What a sequence parameter set tells: picture size and, when its timing
 // information is present, the frame rate.
 struct SrvSpsInfo {

@@ -3,8 +3,6 @@
 #include "host/server/srv_media.h"
 
 #include <cmath>
-#include <fstream>
-#include <sstream>
 
 uint32_t SrvFcc(const char* s_av) {
   uint32_t ui_lv = 0;
@@ -136,41 +134,4 @@ void SrvSyntheticNext(SrvSynthetic* p_av, SrvMediaFrame* p_out_av) {
     NextVideo(p_av, p_out_av);
   else
     NextAudio(p_av, p_out_av);
-}
-
-bool SrvH264FileOpen(SrvH264File* p_av, const SrvSourceConfig& cfg_av, bool b_loop_av, std::string* p_error_av) {
-  std::ifstream in_lv(cfg_av.m_s_file, std::ios::binary);
-  if (!in_lv) return *p_error_av = cfg_av.m_s_file + ": cannot be read", false;
-  std::ostringstream text_lv;
-  text_lv << in_lv.rdbuf();
-  const std::string& s_lv = text_lv.str();
-  p_av->m_bytes.assign(s_lv.begin(), s_lv.end());
-  p_av->m_units = SrvSplitAccessUnits(p_av->m_bytes.data(), p_av->m_bytes.size());
-  if (p_av->m_units.empty()) return *p_error_av = cfg_av.m_s_file + ": no H.264 picture in it", false;
-  if (!SrvReadSps(p_av->m_bytes.data(), p_av->m_bytes.size(), &p_av->m_sps)) {
-    p_av->m_sps.m_i_width = cfg_av.m_i_width;
-    p_av->m_sps.m_i_height = cfg_av.m_i_height;
-  }
-  p_av->m_d_fps = cfg_av.m_d_fps > 0 ? cfg_av.m_d_fps : p_av->m_sps.m_d_fps > 0 ? p_av->m_sps.m_d_fps : 25;
-  p_av->m_b_loop = b_loop_av;
-  return true;
-}
-
-bool SrvH264FileNext(SrvH264File* p_av, SrvMediaFrame* p_out_av) {
-  if (p_av->m_ui_next >= p_av->m_units.size()) {
-    if (!p_av->m_b_loop) return false;
-    p_av->m_ui_next = 0;
-  }
-  const SrvAccessUnit& unit_lv = p_av->m_units[p_av->m_ui_next++];
-  *p_out_av = SrvMediaFrame();
-  p_out_av->m_pb_data = p_av->m_bytes.data() + unit_lv.m_ui_offset;
-  p_out_av->m_ui_size = static_cast<uint32_t>(unit_lv.m_ui_size);
-  p_out_av->m_i_key = unit_lv.m_b_key ? 1 : 0;
-  p_out_av->m_i_width = p_av->m_sps.m_i_width;
-  p_out_av->m_i_height = p_av->m_sps.m_i_height;
-  p_out_av->m_ui_fcc = SrvFcc("H264");
-  p_out_av->m_i64_index = p_av->m_i64_n;
-  p_out_av->m_i64_offset_us = std::llround(static_cast<double>(p_av->m_i64_n) * 1e6 / p_av->m_d_fps);
-  p_av->m_i64_n++;
-  return true;
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,9 @@ struct SrvMediaFrame {
   const char* m_s_type = "video";
   int64_t m_i64_index = 0;       // per medium, from 0
   int64_t m_i64_offset_us = 0;   // from the start of the stream
+  // A live source's own wall time for the frame (microseconds since 1970
+  // UTC); such a frame goes out when it arrives. 0: start + offset, paced.
+  int64_t m_i64_time_us = 0;
 };
 
 // Four-character code, first character in the low byte.
@@ -49,17 +53,27 @@ void SrvSyntheticNext(SrvSynthetic* p_av, SrvMediaFrame* p_out_av);
 // The bytes of synthetic video frame n, as SrvSyntheticNext gives them.
 void SrvSyntheticVideoBytes(uint32_t ui_seed_av, int64_t i64_n_av, uint32_t ui_size_av, std::vector<uint8_t>* p_out_av);
 
-// An H.264 Annex-B file as access units at the file's frame rate.
+// An H.264 Annex-B file as access units at the file's frame rate, read in
+// pieces as it is sent: memory holds one piece and the unit being cut,
+// whatever the file's size.
 struct SrvH264File {
-  std::vector<uint8_t> m_bytes;
-  std::vector<SrvAccessUnit> m_units;
+  FILE* m_p_file = nullptr;
+  std::string m_s_path;
+  std::vector<uint8_t> m_buf;   // bytes read and not yet given, from m_ui_pos
+  size_t m_ui_pos = 0;
+  size_t m_ui_chunk = 1 << 20;  // bytes read at a time
+  bool m_b_eof = false;
   SrvSpsInfo m_sps;
   double m_d_fps = 25;
   bool m_b_loop = false;
-  size_t m_ui_next = 0;
-  int64_t m_i64_n = 0;  // frames given, across loops
+  int64_t m_i64_n = 0;          // frames given, across loops
+  std::string m_s_error;        // why the file ended early, for the source's line
 };
-// Reads and cuts the file. False with a message.
+// Opens the file and reads its set-up from the first piece. False with a
+// message.
 bool SrvH264FileOpen(SrvH264File* p_av, const SrvSourceConfig& cfg_av, bool b_loop_av, std::string* p_error_av);
-// The next access unit; false at the end of a file that does not loop.
+// The next access unit; false at the end of a file that does not loop, or
+// on a read error or a unit too large to be a picture (then m_s_error says
+// which). The frame's data stays valid until the next call.
 bool SrvH264FileNext(SrvH264File* p_av, SrvMediaFrame* p_out_av);
+void SrvH264FileClose(SrvH264File* p_av);

@@ -158,6 +158,9 @@ bool PrintCamera(const SrvSettings& settings_av, const SrvSource& src_av) {
          c_lv.m_i_listeners.load(), c_lv.m_i_gets.load());
   printf("  stored   %llu video (%llu key), %llu audio\n", static_cast<unsigned long long>(stored_lv.m_ui64_video),
          static_cast<unsigned long long>(stored_lv.m_ui64_keys), static_cast<unsigned long long>(stored_lv.m_ui64_audio));
+  if (cam_lv.m_source.m_s_type == "stream")
+    printf("  stream   %lld drops, %lld reconnects\n", static_cast<long long>(c_lv.m_i64_drops.load()),
+           static_cast<long long>(c_lv.m_i64_reconnects.load()));
   bool b_ok_lv = !cam_lv.m_b_must_record || stored_lv.m_ui64_video + stored_lv.m_ui64_audio > 0;
   if (!b_ok_lv) printf("  FAILED: this camera should record and stored nothing\n");
   return b_ok_lv;

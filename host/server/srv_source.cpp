@@ -35,11 +35,42 @@ void OnStatus(void* p_user_av, ProfileParam* p_params_av) {
   }
 }
 
-bool NextFrame(SrvSource* p_av, SrvMediaFrame* p_out_av) {
-  if (p_av->m_b_file) return SrvH264FileNext(&p_av->m_file, p_out_av);
+bool SyntheticOpen(SrvSource* p_av, std::string*) {
+  SrvSyntheticInit(&p_av->m_synthetic, p_av->m_p_camera->m_source, p_av->m_ui_seed);
+  return true;
+}
+bool SyntheticNext(SrvSource* p_av, SrvMediaFrame* p_out_av) {
   SrvSyntheticNext(&p_av->m_synthetic, p_out_av);
   return true;
 }
+void SyntheticClose(SrvSource*) {}
+
+bool H264Open(SrvSource* p_av, std::string* p_error_av) {
+  return SrvH264FileOpen(&p_av->m_file, p_av->m_p_camera->m_source, p_av->m_p_settings->m_b_loop, p_error_av);
+}
+bool H264Next(SrvSource* p_av, SrvMediaFrame* p_out_av) {
+  if (SrvH264FileNext(&p_av->m_file, p_out_av)) return true;
+  if (!p_av->m_file.m_s_error.empty())
+    printf("writer-host: camera %s: %s; its source ends\n", p_av->m_p_camera->m_s_name.c_str(),
+           p_av->m_file.m_s_error.c_str());
+  return false;
+}
+void H264Close(SrvSource* p_av) { SrvH264FileClose(&p_av->m_file); }
+
+bool StreamOpen(SrvSource* p_av, std::string* p_error_av) {
+  SrvStreamLink link_lv;
+  link_lv.m_s_camera = p_av->m_p_camera->m_s_name;
+  link_lv.m_p_stop = p_av->m_p_stop;
+  link_lv.m_p_drops = &p_av->m_counts.m_i64_drops;
+  link_lv.m_p_reconnects = &p_av->m_counts.m_i64_reconnects;
+  return SrvStreamOpen(&p_av->m_stream, p_av->m_p_camera->m_source, link_lv, p_av->m_p_settings->m_b_loop, p_error_av);
+}
+bool StreamNext(SrvSource* p_av, SrvMediaFrame* p_out_av) { return SrvStreamNext(&p_av->m_stream, p_out_av); }
+void StreamClose(SrvSource* p_av) { SrvStreamClose(&p_av->m_stream); }
+
+const SrvSourceKind KINDS[] = {{"synthetic", &SyntheticOpen, &SyntheticNext, &SyntheticClose},
+                               {"h264", &H264Open, &H264Next, &H264Close},
+                               {"stream", &StreamOpen, &StreamNext, &StreamClose}};
 
 // Waits until every listening channel has asked for frames, or the time-out.
 void WaitForGet(SrvSource* p_av) {
@@ -100,10 +131,17 @@ uint32_t SourceThread(void* p_arg_av) {
     SrvMediaFrame frame_lv;
     int64_t i64_max_lv = p_lv->m_p_settings->m_i64_max_frames;
     while (!p_lv->m_p_stop->IsSet() && (i64_max_lv <= 0 || p_lv->m_counts.m_i64_sent < i64_max_lv) &&
-           NextFrame(p_lv, &frame_lv)) {
-      bool b_go_on_lv = p_lv->m_p_settings->m_b_paced ? PaceRealTime(p_lv, i64_start_perf_lv, frame_lv.m_i64_offset_us)
-                                                      : PaceWriter(p_lv, &b_bound_lv);
+           p_lv->m_p_kind->m_p_next(p_lv, &frame_lv)) {
+      // A live stream's frames come at their own pace and carry their time.
+      bool b_live_lv = frame_lv.m_i64_time_us != 0;
+      bool b_go_on_lv = b_live_lv                         ? !p_lv->m_p_stop->IsSet()
+                        : p_lv->m_p_settings->m_b_paced ? PaceRealTime(p_lv, i64_start_perf_lv, frame_lv.m_i64_offset_us)
+                                                        : PaceWriter(p_lv, &b_bound_lv);
       if (!b_go_on_lv) break;
+      if (b_live_lv) {
+        SrvSourceSendFrame(p_lv, frame_lv, frame_lv.m_i64_time_us);
+        continue;
+      }
       if (p_lv->m_p_settings->m_b_paced) {
         // How far behind its time the frame goes out: a machine that cannot
         // keep up shows here first.
@@ -119,6 +157,12 @@ uint32_t SourceThread(void* p_arg_av) {
 }
 
 }  // namespace
+
+const SrvSourceKind* SrvFindSourceKind(const std::string& s_type_av) {
+  for (const SrvSourceKind& kind_lv : KINDS)
+    if (s_type_av == kind_lv.m_s_type) return &kind_lv;
+  return nullptr;
+}
 
 int64_t SrvFlowDealt(SrvFlow* p_av) {
   if (p_av->m_p_stats == nullptr) return p_av->m_i64_dealt;
@@ -136,15 +180,16 @@ bool SrvSourceOpen(SrvSource* p_av, const SrvCamera* p_camera_av, const SrvSetti
   p_av->m_p_settings = p_settings_av;
   p_av->m_p_flow = p_flow_av;
   p_av->m_ui_seed = ui_seed_av;
-  p_av->m_b_file = p_camera_av->m_source.m_s_type == "h264";
-  if (p_av->m_b_file) {
-    if (!SrvH264FileOpen(&p_av->m_file, p_camera_av->m_source, p_settings_av->m_b_loop, p_error_av)) return false;
-  } else {
-    SrvSyntheticInit(&p_av->m_synthetic, p_camera_av->m_source, ui_seed_av);
-  }
   p_av->m_p_go = new PlEvent(true, false);
   p_av->m_p_get = new PlEvent(false, false);
   p_av->m_p_stop = new PlEvent(true, false);
+  p_av->m_p_kind = SrvFindSourceKind(p_camera_av->m_source.m_s_type);
+  if (p_av->m_p_kind == nullptr) return *p_error_av = "unknown source type " + p_camera_av->m_source.m_s_type, false;
+  if (!p_av->m_p_kind->m_p_open(p_av, p_error_av)) {
+    p_av->m_p_kind->m_p_close(p_av);
+    p_av->m_p_kind = nullptr;
+    return false;
+  }
   p_av->m_h_media = profile_open(p_camera_av->MediaTrack().c_str(), nullptr, __FILE__, __LINE__);
   ProfileCallback cb_lv = {p_av, reinterpret_cast<void*>(&OnStatus)};
   p_av->m_h_status = profile_open(p_camera_av->StatusTrack().c_str(), &cb_lv, __FILE__, __LINE__);
@@ -171,6 +216,8 @@ void SrvSourceClose(SrvSource* p_av) {
   if (p_av->m_h_media != 0) profile_close(p_av->m_h_media);
   if (p_av->m_h_status != 0) profile_close(p_av->m_h_status);
   p_av->m_h_media = p_av->m_h_status = 0;
+  if (p_av->m_p_kind != nullptr) p_av->m_p_kind->m_p_close(p_av);
+  p_av->m_p_kind = nullptr;
   delete p_av->m_p_go;
   delete p_av->m_p_get;
   delete p_av->m_p_stop;

@@ -13,6 +13,7 @@
 #include "include/host/core_api.h"
 #include "host/server/srv_config.h"
 #include "host/server/srv_media.h"
+#include "host/server/srv_stream.h"
 #include "platform/pl_sync.h"
 #include "platform/pl_thread.h"
 
@@ -44,16 +45,32 @@ struct SrvSourceCounts {
   std::atomic<int32_t> m_i_gets{0};            // "get" requests seen
   std::atomic<bool> m_b_done{false};
   std::atomic<int64_t> m_i64_max_late_us{0};   // real-time pacing: the latest a frame went out
+  std::atomic<int64_t> m_i64_reconnects{0};    // a live stream opened again after a drop
+  std::atomic<int64_t> m_i64_drops{0};         // a live stream lost
 };
+
+struct SrvSource;
+// One kind of source behind its entry points: open (checks and loads what
+// can be before the run), next (the next frame in send order; false at the
+// end), close.
+struct SrvSourceKind {
+  const char* m_s_type;
+  bool (*m_p_open)(SrvSource* p_av, std::string* p_error_av);
+  bool (*m_p_next)(SrvSource* p_av, SrvMediaFrame* p_out_av);
+  void (*m_p_close)(SrvSource* p_av);
+};
+// The kind for a source type of the cameras file; null when there is none.
+const SrvSourceKind* SrvFindSourceKind(const std::string& s_type_av);
 
 struct SrvSource {
   const SrvCamera* m_p_camera = nullptr;
   const SrvSettings* m_p_settings = nullptr;
   SrvFlow* m_p_flow = nullptr;
   uint32_t m_ui_seed = 0;
-  bool m_b_file = false;
+  const SrvSourceKind* m_p_kind = nullptr;
   SrvSynthetic m_synthetic;
   SrvH264File m_file;
+  SrvStream m_stream;
   TrackHandle m_h_media = 0;
   TrackHandle m_h_status = 0;
   PlEvent* m_p_go = nullptr;    // main says the plug-in is started

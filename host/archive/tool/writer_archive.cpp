@@ -11,7 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "host/archive/arc_export.h"
 #include "host/archive/arc_reader.h"
+#include "platform/pl_clock.h"
 #include "platform/pl_os.h"
 
 using namespace warc;
@@ -42,7 +44,8 @@ const char* const HELP_EXPORT =
     "usage: writer-archive export --camera NAME --out FILE [options]\n"
     "\n"
     "  --root DIR         as for list\n"
-    "  --camera NAME      camera folder as list shows it\n"
+    "  --camera NAME      camera folder as list shows it (with --format, also\n"
+    "                     the camera's own folder name without the storage)\n"
     "  --kind video|audio media kind (default video)\n"
     "  --from TIME        first frame time, \"YYYY.MM.DD HH:MM:SS[:mmm]\" local, or ticks\n"
     "  --to TIME          last frame time, same forms\n"
@@ -50,6 +53,11 @@ const char* const HELP_EXPORT =
     "  --table csv|json   write a table of the frames (time, type, size, number)\n"
     "                     instead of their data\n"
     "  --raw              data sections as they are, even for H.264\n"
+    "  --format mp4|mkv   a file any player opens: the video with its audio, timed\n"
+    "                     by the recorded frame times (gaps stay gaps), starting at\n"
+    "                     the key frame at or before --from; --from and --to then\n"
+    "                     also take seconds since 1970 UTC. MP4 cannot hold A-law\n"
+    "                     or mu-law audio: it is left out there, mkv keeps it.\n"
     "\n"
     "Data export starts at the first key frame in the range. H.264 frames become\n"
     "an Annex-B byte stream (parameter sets of key frames first); other codecs'\n"
@@ -221,12 +229,53 @@ bool WriteOut(const std::string& s_path_av, const std::string& s_data_av) {
   return b_ok_lv;
 }
 
+// A time of the container export in microseconds since 1970 UTC: a local
+// time text, or seconds (a fraction allowed).
+bool ParseExportTime(const std::string& s_av, int64_t* p_out_av) {
+  int64_t i64_local_lv = 0;
+  if (s_av.find(':') != std::string::npos) {
+    if (!ParseTimeArg(s_av, &i64_local_lv)) return false;
+    uint64_t ui64_utc_lv = PlLocalToFileTime(static_cast<uint64_t>(i64_local_lv));
+    *p_out_av = (static_cast<int64_t>(ui64_utc_lv) - static_cast<int64_t>(PL_UNIX_EPOCH_TICKS)) / 10;
+    return true;
+  }
+  char* s_end_lv = nullptr;
+  double d_lv = strtod(s_av.c_str(), &s_end_lv);
+  if (s_av.empty() || *s_end_lv != 0 || !(d_lv >= 0 && d_lv < 1e11)) return false;
+  *p_out_av = static_cast<int64_t>(d_lv * 1e6);
+  return true;
+}
+
+int CmdExportContainer(const Options& opt_av) {
+  std::string s_format_lv = opt_av.Get("--format", "");
+  if (s_format_lv != "mp4" && s_format_lv != "mkv") return Usage(HELP_EXPORT, "--format is mp4 or mkv");
+  if (opt_av.Get("--out", "-") == "-") return Usage(HELP_EXPORT, "--format needs a file for --out");
+  int64_t i64_from_lv = INT64_MIN, i64_to_lv = INT64_MAX;
+  if (opt_av.Has("--from") && !ParseExportTime(opt_av.Get("--from", ""), &i64_from_lv))
+    return Usage(HELP_EXPORT, "--from: not a time");
+  if (opt_av.Has("--to") && !ParseExportTime(opt_av.Get("--to", ""), &i64_to_lv))
+    return Usage(HELP_EXPORT, "--to: not a time");
+  std::string s_root_lv = opt_av.Get("--root", DefaultRoot()), s_error_lv;
+  ArcExportReport report_lv;
+  if (!ArcExportContainerReport(s_root_lv, opt_av.Get("--camera", ""), i64_from_lv, i64_to_lv, s_format_lv,
+                                opt_av.Get("--out", ""), &report_lv, &s_error_lv)) {
+    fprintf(stderr, "writer-archive: %s\n", s_error_lv.c_str());
+    return EXIT_NO_ARCHIVE;
+  }
+  if (!report_lv.m_s_note.empty()) fprintf(stderr, "writer-archive: %s\n", report_lv.m_s_note.c_str());
+  fprintf(stderr, "writer-archive: %llu video and %llu audio frames exported to %s\n",
+          static_cast<unsigned long long>(report_lv.m_ui64_video), static_cast<unsigned long long>(report_lv.m_ui64_audio),
+          opt_av.Get("--out", "").c_str());
+  return 0;
+}
+
 int CmdExport(int argc, char** argv) {
-  Options opt_lv =
-      ParseOptions(argc, argv, {"--root", "--camera", "--kind", "--from", "--to", "--out", "--table"}, {"--raw"});
+  Options opt_lv = ParseOptions(argc, argv, {"--root", "--camera", "--kind", "--from", "--to", "--out", "--table", "--format"},
+                                {"--raw"});
   if (opt_lv.m_b_help) return printf("%s", HELP_EXPORT), 0;
   if (!opt_lv.m_s_error.empty()) return Usage(HELP_EXPORT, opt_lv.m_s_error);
   if (!opt_lv.Has("--camera") || !opt_lv.Has("--out")) return Usage(HELP_EXPORT, "--camera and --out are needed");
+  if (opt_lv.Has("--format")) return CmdExportContainer(opt_lv);
   std::string s_kind_lv = opt_lv.Get("--kind", "video");
   std::string s_table_lv = opt_lv.Get("--table", "");
   if (s_kind_lv != "video" && s_kind_lv != "audio") return Usage(HELP_EXPORT, "--kind is video or audio");
