@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, builds, runs every test,
 # then builds and runs it all again under AddressSanitizer with
-# UndefinedBehaviorSanitizer, and once more under ThreadSanitizer. Any
-# failure or sanitizer report fails it.
+# UndefinedBehaviorSanitizer, and once more under ThreadSanitizer; last, it
+# builds the fuzz targets with clang and runs each for a short time. Any
+# failure, sanitizer report or fuzz finding fails it.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh"
@@ -20,3 +21,8 @@ export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 
 echo "== ThreadSanitizer build"
 "$root/scripts/tsan.sh"
+
+echo "== fuzzing, each target for ${WRITER_FUZZ_SECONDS:-20} s"
+fuzz_work=$(mktemp -d /tmp/writer-fuzz-XXXXXX)
+FUZZ_WORK="$fuzz_work" "$root/scripts/fuzz.sh" "${WRITER_FUZZ_SECONDS:-20}"
+rm -rf "$fuzz_work"

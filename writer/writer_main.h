@@ -88,7 +88,7 @@ class TCameraInfoW {
   SafeString m_s_in;
 };
 
-class CWriter {
+class CWriter final {
  public:
   CWriter();
   ~CWriter();

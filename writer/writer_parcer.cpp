@@ -13,7 +13,16 @@
 #include "platform/pl_os.h"
 #include "writer/writer_by_event.h"
 
+// GCC says AddressSanitizer is on with a macro, clang through __has_feature.
 #if defined(__SANITIZE_ADDRESS__)
+#define WRITER_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define WRITER_ASAN 1
+#endif
+#endif
+
+#if defined(WRITER_ASAN)
 #include <sanitizer/lsan_interface.h>
 #endif
 
@@ -219,7 +228,7 @@ void ParseEventList(const char* s_text_av, CListOur* p_events_av) {
   if (!YAJL_IS_ARRAY(root_lv) || root_lv->u.array.len < 1) {
     // The tree of an empty list is left allocated, as it always was; the
     // leak checker is told that this is known.
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(WRITER_ASAN)
     __lsan_ignore_object(root_lv);
     if (YAJL_IS_ARRAY(root_lv)) __lsan_ignore_object(root_lv->u.array.values);
 #endif

@@ -181,15 +181,15 @@ void SafeStringJoin(const char* const* pp_texts_av, int32_t i_count_av, SafeStri
 
 namespace {
 
-const uint8_t UI_HASH_SBOX[8][16] = {
+constexpr uint8_t UI_HASH_SBOX[8][16] = {
     {14, 1, 7, 8, 13, 6, 9, 3, 0, 15, 11, 5, 2, 12, 4, 10}, {13, 5, 3, 6, 7, 14, 8, 0, 12, 2, 1, 9, 10, 4, 15, 11},
     {4, 12, 1, 2, 0, 11, 8, 15, 14, 5, 10, 9, 7, 3, 6, 13}, {5, 7, 1, 15, 4, 10, 11, 9, 0, 6, 2, 8, 14, 13, 3, 12},
     {9, 12, 3, 4, 8, 15, 6, 10, 2, 1, 0, 5, 7, 11, 14, 13}, {1, 7, 2, 11, 9, 4, 6, 12, 14, 10, 3, 15, 8, 13, 5, 0},
     {15, 5, 3, 10, 1, 6, 8, 14, 7, 9, 0, 13, 12, 4, 11, 2}, {13, 5, 15, 10, 12, 9, 8, 2, 3, 4, 1, 0, 6, 14, 7, 11},
 };
-const uint32_t UI_HASH_KEY[8] = {0x9F61D62Fu, 0x0ECB476Fu, 0xBDEF9F4Bu, 0xE220532Fu,
-                                 0xD2E83592u, 0x8E18A60Eu, 0xE655F6AAu, 0xF69CEAF6u};
-const uint64_t UI64_HASH_START = 0x0D2671EFF4116BB4ULL;
+constexpr uint32_t UI_HASH_KEY[8] = {0x9F61D62Fu, 0x0ECB476Fu, 0xBDEF9F4Bu, 0xE220532Fu,
+                                     0xD2E83592u, 0x8E18A60Eu, 0xE655F6AAu, 0xF69CEAF6u};
+constexpr uint64_t UI64_HASH_START = 0x0D2671EFF4116BB4ULL;
 
 struct THashTables {
   uint32_t m_ui_t[4][256];
