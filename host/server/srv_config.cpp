@@ -43,7 +43,8 @@ const char* const SRV_USAGE =
     "\n"
     "Exit status: 0 when every camera that should record stored frames, 1 when\n"
     "one did not, 2 for bad options or a bad cameras file, 3 when the plug-in or\n"
-    "a library could not be loaded.\n";
+    "a library could not be loaded, 4 when the log, archive or state folder\n"
+    "cannot be made.\n";
 
 std::string SrvCamera::MediaTrack() const { return StatusTrack() + "_" + m_s_in; }
 std::string SrvCamera::StatusTrack() const { return m_s_keys[0] + "_" + m_s_keys[1] + "_" + m_s_keys[2]; }
