@@ -68,12 +68,25 @@ int64_t TscFrequency() {
 }
 
 // --- Local time: the UTC offset cached per quarter hour of UTC. Offsets
-// change only at such boundaries, so a cached bucket is right across a
-// daylight-saving change. Each entry packs bucket + 1 (high 40 bits) and the
-// offset in seconds + 2^23 (low 24 bits).
+// change almost always at such boundaries; a quarter whose first and last
+// second have different offsets holds a change and is never cached: each
+// call there asks for its own second. Each entry packs bucket + 1 (high 40
+// bits) and the offset in seconds + 2^23 (low 24 bits).
 const uint64_t QUARTER_TICKS = 15ULL * 60ULL * PL_TICKS_PER_SECOND;
 const int OFFSET_CACHE_SIZE = 16;
 std::atomic<uint64_t> g_offset_cache[OFFSET_CACHE_SIZE];
+
+// The offset in force at a UTC file time, to the second; 0 where the system
+// cannot tell.
+int64_t OffsetSecondsOfSystem(uint64_t ui64_utc_av) {
+  // Whole seconds first: no file time overflows the signed range then.
+  int64_t i64_unix_lv = static_cast<int64_t>(ui64_utc_av / PL_TICKS_PER_SECOND) -
+                        static_cast<int64_t>(PL_UNIX_EPOCH_TICKS / PL_TICKS_PER_SECOND);
+  time_t t_lv = static_cast<time_t>(i64_unix_lv);
+  tm tm_lv;
+  if (localtime_r(&t_lv, &tm_lv) == nullptr) return 0;
+  return tm_lv.tm_gmtoff;
+}
 
 int64_t OffsetSecondsAt(uint64_t ui64_utc_av) {
   uint64_t ui64_bucket_lv = ui64_utc_av / QUARTER_TICKS;
@@ -82,14 +95,10 @@ int64_t OffsetSecondsAt(uint64_t ui64_utc_av) {
   if ((ui64_packed_lv >> 24) == ui64_bucket_lv + 1) {
     return static_cast<int64_t>(ui64_packed_lv & 0xFFFFFFu) - (1 << 23);
   }
-  // The offset is the same for the whole bucket, so ask at its start.
-  int64_t i64_unix_lv =
-      (static_cast<int64_t>(ui64_bucket_lv * QUARTER_TICKS) - static_cast<int64_t>(PL_UNIX_EPOCH_TICKS)) /
-      static_cast<int64_t>(PL_TICKS_PER_SECOND);
-  time_t t_lv = static_cast<time_t>(i64_unix_lv);
-  tm tm_lv;
-  int64_t i64_offset_lv = 0;
-  if (localtime_r(&t_lv, &tm_lv) != nullptr) i64_offset_lv = tm_lv.tm_gmtoff;
+  uint64_t ui64_start_lv = ui64_bucket_lv * QUARTER_TICKS;
+  int64_t i64_offset_lv = OffsetSecondsOfSystem(ui64_start_lv);
+  if (OffsetSecondsOfSystem(ui64_start_lv + QUARTER_TICKS - PL_TICKS_PER_SECOND) != i64_offset_lv)
+    return OffsetSecondsOfSystem(ui64_utc_av);
   entry_lv.store(((ui64_bucket_lv + 1) << 24) | static_cast<uint64_t>(i64_offset_lv + (1 << 23)),
                  std::memory_order_relaxed);
   return i64_offset_lv;

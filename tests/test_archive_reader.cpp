@@ -268,6 +268,26 @@ TEST_F(ArchiveReaderTest, VerifyFlagsFallingTimesAndBrokenNumbering) {
   EXPECT_NE(std::string::npos, s_all_lv.find("frame block unreadable"));
 }
 
+TEST_F(ArchiveReaderTest, TimesBeforeTheFirstTickAreRefusedAndTheLatestOnesReadBack) {
+  std::vector<uint8_t> block_lv = MakeBlock(true, 0x1000, 0, "k");
+  for (int64_t i64_bad_lv : {INT64_MIN, int64_t{-1}})
+    EXPECT_EQ(ARCHIVE_E_BAD_ARG, L.WriteDataForTime(m_i_handle, block_lv.data(), static_cast<int32_t>(block_lv.size()),
+                                                    35, i64_bad_lv));
+  Frame(true, 0x1000, 0, "k");
+  Frame(false, 0x1001, INT64_MAX, "far");
+  L.CloseHandleWrite(m_i_handle);
+  warc::StreamSummary sum_lv = warc::SummariseStream(Stream(), 5 * TICKS_S);
+  EXPECT_EQ(2u, sum_lv.m_ui64_frames);
+  ASSERT_EQ(1u, sum_lv.m_gaps.size());
+  EXPECT_EQ(INT64_MAX, sum_lv.m_gaps[0].second);
+  warc::VerifyReport report_lv = warc::VerifyStream(Stream(), false);
+  EXPECT_EQ(0, report_lv.m_i_errors) << (report_lv.m_lines.empty() ? "" : report_lv.m_lines[0]);
+  ToolRun run_lv = RunTool("list --root " + m_dir.m_s_path);
+  EXPECT_EQ(0, run_lv.m_i_status) << run_lv.m_s_output;
+  EXPECT_NE(std::string::npos, run_lv.m_s_output.find("2 frames")) << run_lv.m_s_output;
+  EXPECT_EQ(2, RunTool("list --gap 99999999999999 --root " + m_dir.m_s_path).m_i_status);
+}
+
 TEST_F(ArchiveReaderTest, FrameBlockParsingRejectsBadLayouts) {
   warc::BlockInfo info_lv;
   std::string s_why_lv;

@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <type_traits>
 
 #include "include/host/log_api.h"
 #include "linux/common_use/config.h"
@@ -27,10 +28,15 @@ void* LogLib() {
   return lib;
 }
 
-void Query(void (*op)(CLogStatusList*, const SafeString*), CLogStatusList* list, const std::string& format) {
+template <typename Op>
+int32_t Query(Op op, CLogStatusList* list, const std::string& format) {
   SafeString text;
   SafeStringAssign(&text, format.c_str(), 17);
-  op(list, &text);
+  int32_t rc = RC_OK;
+  if constexpr (std::is_same_v<decltype(op(list, &text)), void>) op(list, &text);
+  else rc = op(list, &text);
+  SafeStringDestroy(&text);
+  return rc;
 }
 
 TLogStatusElem* Elem(CLogStatusList* list, int32_t index) {
@@ -173,6 +179,27 @@ TEST_F(SavedParamsTest, AFormatWithADoubleQuoteLosesTheListAtTheNextStart) {
   SaveLogStatus(g_p_log_status_list);
   EXPECT_EQ(1, Count(ReadAll(m_file), "{\"log\":\"<q>say \"%s\"\",\"is_on\":true}"));
   EXPECT_EQ(0, Restart()->m_list.m_i_count);
+}
+
+TEST_F(SavedParamsTest, TheListIsBoundedByQueryAndByFile) {
+  CLogStatusList* list = g_p_log_status_list;
+  for (int i = 0; i < I_LOG_STATUS_MAX; i++) ASSERT_EQ(RC_OK, Query(LogStatusAdd, list, "<a>" + std::to_string(i)));
+  EXPECT_EQ(RC_LOG_STATUS_FULL, Query(LogStatusAdd, list, "<a>one more"));
+  EXPECT_EQ(I_LOG_STATUS_MAX, list->m_list.m_i_count);
+  // A text the full list holds is still turned on again.
+  Query(LogStatusOff, list, "<a>7");
+  EXPECT_EQ(RC_OK, Query(LogStatusAdd, list, "<a>7"));
+  EXPECT_EQ(1, Elem(list, 7)->is_on);
+  // A file longer than the bound gives its first entries and a line.
+  ASSERT_EQ(0, mkdir((m_state + "/config").c_str(), 0755));
+  std::string text = "{\"query_log_status\":[";
+  for (int i = 0; i < I_LOG_STATUS_MAX + 3; i++)
+    text += std::string(i ? "," : "") + "{\"log\":\"<f>" + std::to_string(i) + "\",\"is_on\":true}";
+  Write(m_file, text + "]}");
+  list = Restart();
+  EXPECT_EQ(I_LOG_STATUS_MAX, list->m_list.m_i_count);
+  EXPECT_STREQ("<f>0", Elem(list, 0)->log.m_p_text);
+  EXPECT_EQ(1, Count(Log("arc.log"), "saved file holds more than 1024 subscriptions, the rest is left out"));
 }
 
 TEST_F(SavedParamsTest, TextsAtTheSizeLimitSaveAnEmptyFile) {

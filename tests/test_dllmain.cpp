@@ -171,6 +171,16 @@ class DllMainTest : public ::testing::Test {
   PluginOpenFn plugin_open = nullptr;
   PluginCloseFn plugin_close = nullptr;
   DllExecFn dll_exec = nullptr;
+
+  std::string Status() {
+    Rx rx;
+    ProfileCallback reply = {&rx, reinterpret_cast<void*>(&Receive)};
+    ProfileParam ask[] = {{PP_CALLBACK, "exec", &reply},
+                          {PP_STRING, "json", const_cast<char*>(R"({"query_id":"GetStatus"})")},
+                          {PP_END, nullptr, nullptr}};
+    EXPECT_EQ(0, dll_exec(ask));
+    return rx.texts.empty() ? "" : rx.texts[0];
+  }
   PluginExecFn plugin_exec = nullptr;
 };
 
@@ -244,7 +254,10 @@ TEST_F(DllMainTest, CameraLivesFromOpenToCloseWithEveryCodeInOrder) {
   ProfileCallback source_cb = {&source, reinterpret_cast<void*>(&Receive)};
   TrackHandle status = profile_open("a_b_c", &source_cb, __FILE__, __LINE__);
   ProfileParam start[] = {{PP_INT32, "start", &source}, {PP_END, nullptr, nullptr}};
+  // The start is the channels' first control: the report shows its time.
+  EXPECT_EQ(2, Count(Status(), "\"sched_last_get\":\"1601.01.01"));
   EXPECT_EQ(0, plugin_exec(pair, start));
+  EXPECT_EQ(0, Count(Status(), "\"sched_last_get\":\"1601.01.01"));
   EXPECT_EQ((std::vector<std::string>{"5:64:cam:1", "5:104:cam:1"}), CallTexts(id3));
   EXPECT_EQ((std::vector<std::string>{"frame", "frame"}), source.names);
   EXPECT_EQ((std::vector<std::string>{"get", "get"}), source.nested);

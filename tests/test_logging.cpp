@@ -27,7 +27,8 @@ const char* const kTime = "2024.03.05 10:20:30:456";
 std::string Text(const SafeString* s) { return s != nullptr && s->m_p_text != nullptr ? s->m_p_text : ""; }
 
 // Runs one of the list's queries with a format text.
-void Query(void (*op)(CLogStatusList*, const SafeString*), const char* format) {
+template <typename Op>
+void Query(Op op, const char* format) {
   SafeString text;
   SafeStringAssign(&text, format, 17);
   op(g_p_log_status_list, &text);

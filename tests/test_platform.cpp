@@ -282,6 +282,19 @@ TEST(Clock, LocalTimeIsRightOnBothSidesOfADaylightSavingChange) {
   uint64_t autumn = Ticks(2026, 10, 25, 1, 0, 0);
   EXPECT_EQ(autumn - 1 + 2 * hour, PlFileTimeToLocal(autumn - 1));
   EXPECT_EQ(autumn + hour, PlFileTimeToLocal(autumn));
+  // A change at a second that is no quarter hour (02:00:11 local, 01:00:11
+  // UTC): the quarter that holds it is right on both sides of it.
+  setenv("TZ", "XST-1XDT,M3.5.0/2:00:11,M10.5.0/3", 1);
+  PlClockTimeZoneChanged();
+  PlClockUseManual(after);
+  EXPECT_EQ(after + hour, PlFileTimeToLocal(PlFileTimeUtc()));
+  PlClockAdvance(10 * PL_TICKS_PER_SECOND);
+  EXPECT_EQ(after + 10 * PL_TICKS_PER_SECOND + hour, PlFileTimeToLocal(PlFileTimeUtc()));
+  PlClockAdvance(2 * PL_TICKS_PER_SECOND);
+  EXPECT_EQ(after + 12 * PL_TICKS_PER_SECOND + 2 * hour, PlFileTimeToLocal(PlFileTimeUtc()));
+  PlClockAdvance(-2 * static_cast<int64_t>(PL_TICKS_PER_SECOND));
+  EXPECT_EQ(after + 10 * PL_TICKS_PER_SECOND + hour, PlFileTimeToLocal(PlFileTimeUtc()));
+  PlClockUseReal();
   if (old_tz) setenv("TZ", saved.c_str(), 1); else unsetenv("TZ");
   PlClockTimeZoneChanged();
 }

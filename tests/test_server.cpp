@@ -291,6 +291,26 @@ TEST_F(ServerTest, BadCameraFilesEndWithAMessageAndStatusTwo) {
   Child wrong = Run({"--pacing", "sometimes"});
   EXPECT_TRUE(wrong.Exited(2));
   EXPECT_NE(std::string::npos, wrong.err.find("--help"));
+  Child endless = Run({"--duration", "inf"});
+  EXPECT_TRUE(endless.Exited(2));
+  EXPECT_NE(std::string::npos, endless.err.find("--duration: out of range")) << endless.err;
+  // A folder that cannot be made: its option, its path and why, exit 4.
+  std::string file = Write("plain", "x");
+  for (const char* option : {"--state", "--log"}) {
+    Child c = Run({option, file + "/sub"});
+    EXPECT_TRUE(c.Exited(4)) << option << c.out << c.err;
+    EXPECT_NE(std::string::npos, c.err.find("cannot make the folder " + file + "/sub (" + option + "): "))
+        << c.err;
+  }
+}
+
+TEST_F(ServerTest, ARunIsJudgedByWhatItStoredItselfNotByAnEarlierRun) {
+  ASSERT_TRUE(Run({"--duration", "1"}).Exited(0));
+  // The archive refuses every frame: this run stores nothing.
+  Child c = Run({"--duration", "1", "--drain", "0", "--archive-config", R"({"max_frame_bytes":1})"});
+  EXPECT_TRUE(c.Exited(1)) << c.out << c.err;
+  EXPECT_NE(std::string::npos, c.out.find("stored   (this run) 0 video")) << c.out;
+  EXPECT_NE(std::string::npos, c.out.find("FAILED: this camera should record and stored nothing")) << c.out;
 }
 
 // A camera that records by events stores what comes between the script's

@@ -41,7 +41,12 @@ TEST(ServerConfig, CommandLineTakesItsOptionsAndRefusesOthers) {
 
   const std::vector<std::vector<const char*>> bad = {
       {"writer-host", "--frobnicate"}, {"writer-host", "--duration"}, {"writer-host", "--duration", "soon"},
-      {"writer-host", "--pacing", "slow"}, {"writer-host", "--drain", "-1"}};
+      {"writer-host", "--pacing", "slow"}, {"writer-host", "--drain", "-1"},
+      // Numbers that would never end a run or wrap as integers.
+      {"writer-host", "--duration", "inf"}, {"writer-host", "--duration", "nan"},
+      {"writer-host", "--frames", "1e30"}, {"writer-host", "--frames", "2.5"},
+      {"writer-host", "--write-delay", "1e10"}, {"writer-host", "--in-flight", "1e12"},
+      {"writer-host", "--in-flight", "-3"}, {"writer-host", "--drain", "1e300"}};
   for (const auto& args : bad) {
     SrvSettings t;
     error.clear();
@@ -109,6 +114,23 @@ TEST(ServerConfig, BadCameraFilesAreRefusedWithAMessageNamingTheFault) {
            R"("duration":"5"}]})",
        "whole seconds"},
       {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"camera":"a","action":"start_recording"}]})", "needs \"at\""},
+      {"{\"cameras\":[" + Camera("a", R"("source":{"fps":-1},)") + "]}", "\"fps\" is out of range"},
+      {"{\"cameras\":[" + Camera("a", R"("source":{"fps":1e400},)") + "]}", "\"fps\" is out of range"},
+      {"{\"cameras\":[" + Camera("a", R"("source":{"key_interval_ms":4294967297},)") + "]}",
+       "\"key_interval_ms\" is out of range"},
+      {"{\"cameras\":[" + Camera("a", R"("source":{"width":-640},)") + "]}", "\"width\" is out of range"},
+      {"{\"cameras\":[" + Camera("a", R"("source":{"frame_bytes":1e9},)") + "]}", "wrong type"},
+      {"{\"cameras\":[" + Camera("a") + R"(],"write_delay_ms":10000000000})", "\"write_delay_ms\" is a whole number"},
+      {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"at":-1,"camera":"a","event":5,"action":"start"}]})",
+       "\"at\" is out of range"},
+      {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"at":1e300,"camera":"a","action":"start_recording"}]})",
+       "\"at\" is out of range"},
+      {"{\"cameras\":[" + Camera("a") +
+           R"(],"events":[{"at":1,"camera":"a","event":9223372036854775807,"action":"start"}]})",
+       "32-bit"},
+      {"{\"cameras\":[" + Camera("a") +
+           R"(],"events":[{"at":1,"camera":"a","action":"start_recording","duration":1e12}]})",
+       "whole seconds"},
   };
   for (const Case& c : cases) {
     SrvSettings s;

@@ -337,6 +337,34 @@ TEST_F(WriterPipelineTest, BadFramesAreDroppedAndStillAnswered) {
   EXPECT_EQ(4, Count(Log("arc"), "<error>data not correct"));
 }
 
+TEST_F(WriterPipelineTest, FarTimesAreRefusedAndCountersStopAtTheirLimit) {
+  m_source.Send(Video(true, kT0, 1, "k"));
+  // Beyond what a file time holds, either way: refused as a bad time.
+  m_source.Send(Video(false, 920000000000000000LL, 2, "far"));
+  m_source.Send(Video(false, INT64_MAX, 3, "max"));
+  m_source.Send(Video(false, INT64_MIN, 4, "min"));
+  // Before 1970 but after 1601: an ordinary backward time.
+  m_source.Send(Video(false, -1000000, 5, "old"));
+  // Both channels answer each message: the counter stops at its largest value.
+  m_source.need = INT32_MAX - 1;
+  m_source.Send(Video(false, kT0 + 40000, 6, "p"));
+  EXPECT_EQ(INT32_MAX, m_source.need);
+  int32_t listen = INT32_MAX - 1;
+  ProfileParam status[] = {{PP_INT32, "listen", &listen}, {PP_END, nullptr, nullptr}};
+  ProfileParam ask[] = {{PP_LIST, "status", status}, {PP_END, nullptr, nullptr}};
+  TrackHandle h = profile_open("a_b_c", nullptr, __FILE__, __LINE__);
+  profile_data(h, ask, 0);
+  profile_close(h);
+  EXPECT_EQ(INT32_MAX, listen);
+  ASSERT_TRUE(WaitWritten(3));
+  CloseAll();
+  std::vector<Stored> v = Read("video");
+  ASSERT_EQ(3u, v.size());
+  EXPECT_EQ(LocalTicks(kT0 + 1000), v[1].time);
+  EXPECT_EQ(LocalTicks(kT0 + 40000), v[2].time);
+  EXPECT_EQ(6, Count(Log("arc"), "<error>data not correct"));  // three frames, two channels
+}
+
 // Shutdown while the archive sits in a slow write returns once that write
 // returns, and writes nothing after it.
 class WriterPipelineSlowTest : public WriterPipelineTest {};

@@ -112,6 +112,10 @@ TEST_F(WebServiceTest, VersAndTheLogQueriesAnswerBeforeTheHelpFlag) {
   Ask(R"({"query_id":"query_log_status_delete","value":"fmt %d"})");
   Ask((R"({"query_id":"query_log_status_delete","value":")" + long_format + "\"}").c_str());
   EXPECT_EQ("", Ask(R"({"query_id":"query_log_status"})"));
+  // A full list takes no new subscription and says so.
+  for (int i = 0; i <= I_LOG_STATUS_MAX; i++)
+    Ask((R"({"query_id":"query_log_status_add","value":"<n>)" + std::to_string(i) + "\"}").c_str());
+  EXPECT_EQ(I_LOG_STATUS_MAX, g_p_log_status_list->m_list.m_i_count);
   delete g_p_log_status_list;
   g_p_log_status_list = nullptr;
 }

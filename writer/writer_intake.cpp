@@ -5,6 +5,7 @@
 // answers "listen".
 #include "writer/writer_intake.h"
 
+#include <cstdint>
 #include <cstring>
 
 #include "linux/common_use/service/Stable.h"
@@ -29,6 +30,11 @@ const int64_t I64_STAT_PRINT_PERIOD = 600000000LL;     // 60 s
 const int64_t I64_TIME_RESET_PERIOD = 6000000000LL;    // 600 s
 const int64_t I64_BACKWARD_STEP_MICROS = 1000;
 const int64_t I64_HASH_LEVEL_REFRESH = 200000000LL;    // 20 s
+// Frame times the file-time conversions can hold: from 1601 on, and up to a
+// day short of the largest tick count, which leaves room for any UTC offset.
+const int64_t I64_TIME_MIN_MICROS = -static_cast<int64_t>(UI64_EPOCH_MICROS);
+const int64_t I64_TIME_MAX_MICROS =
+    INT64_MAX / 10 - static_cast<int64_t>(UI64_EPOCH_MICROS) - 86400LL * 1000000LL;
 
 int64_t g_i64_hash_log_mark = 0;
 
@@ -119,8 +125,20 @@ void Mark(TWaitStat* p_wd_av, int32_t i_group_av, int32_t i_point_av, int32_t i_
   StableMark(p_wd_av->m_i_stable_slot, i_point_av);
 }
 
+bool TimeInRange(int64_t i64_micros_av) {
+  return i64_micros_av >= I64_TIME_MIN_MICROS && i64_micros_av <= I64_TIME_MAX_MICROS;
+}
+
+// A time the conversions cannot hold prints as all zeros.
 void UtcText(int64_t i64_micros_av, char* s_out_av) {
-  FileTimeToText((static_cast<uint64_t>(i64_micros_av) + UI64_EPOCH_MICROS) * 10ULL, s_out_av);
+  uint64_t ui64_ticks_lv = TimeInRange(i64_micros_av) ? (static_cast<uint64_t>(i64_micros_av) + UI64_EPOCH_MICROS) * 10ULL
+                                                       : 0x8000000000000000ULL;
+  FileTimeToText(ui64_ticks_lv, s_out_av);
+}
+
+// The source's counters are plain integers: they stop at their largest value.
+void RaiseCounter(int32_t* p_counter_av) {
+  if (*p_counter_av < INT32_MAX) (*p_counter_av)++;
 }
 
 // What the walk of one "frame" list found besides the channel's members.
@@ -204,6 +222,11 @@ bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameRead* p_rd_av) 
       p_rd_av->m_b_ok = false;
     } else {
       p_rd_av->m_i64_time = *static_cast<const int64_t*>(p_el_av->value);
+      // A time no file time can hold is as good as none.
+      if (!TimeInRange(p_rd_av->m_i64_time)) {
+        p_rd_av->m_b_bad = true;
+        p_rd_av->m_b_ok = false;
+      }
     }
   } else if (field_lv == FF_TYPE) {
     if (p_el_av->value != nullptr) {
@@ -263,7 +286,10 @@ void CorrectTime(CWriter* p_av, int64_t i64_time_av, int64_t i64_now_av) {
     UtcText(p_av->m_i64_prev_time, s_prev_lv);
     TRACE44(TLOG_ARC_TRACEDECIM, "<error15>cam %lld warning: try write frame with prev time prev KM7 %s now KM7 %s ",
             static_cast<long long>(InfoCamId(p_av->m_camera_info_w)), s_prev_lv, s_t_lv);
-    i64_t_lv = static_cast<int64_t>(static_cast<uint64_t>(p_av->m_i64_prev_time) + I64_BACKWARD_STEP_MICROS);
+    // Steps after the latest time a frame may carry stay at it.
+    i64_t_lv = p_av->m_i64_prev_time <= I64_TIME_MAX_MICROS - I64_BACKWARD_STEP_MICROS
+                   ? p_av->m_i64_prev_time + I64_BACKWARD_STEP_MICROS
+                   : I64_TIME_MAX_MICROS;
   }
   p_av->m_i64_prev_time = i64_t_lv;
   p_av->m_i64_time = i64_t_lv;
@@ -499,7 +525,7 @@ void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av
   TRACE44(TLOG_ARC_TRACE, "<by_event%lld> bef need establ condit", i64_cam_lv);
   if (NeedWrite(&p_av->m_by_event, i_slot_lv) != 0 && rd_lv.m_p_need != nullptr) {
     TRACE44(TLOG_ARC_TRACE, "<by_event%lld> bef need establ", i64_cam_lv);
-    (*rd_lv.m_p_need)++;
+    RaiseCounter(rd_lv.m_p_need);
   } else {
     AtomicPut(&p_av->m_status.m_i64_last_unneeded, i64_now_lv);
   }
@@ -605,5 +631,5 @@ void on_data2(void* p_user_av, ProfileParam* p_params_av) {
   int32_t* p_listen_lv = nullptr;
   for (ProfileParam* p_lv = p_status_lv; p_lv->type != PP_END; p_lv++)
     if (Is(p_lv, "listen", PP_INT32)) p_listen_lv = static_cast<int32_t*>(p_lv->value);
-  if (p_listen_lv != nullptr) (*p_listen_lv)++;
+  if (p_listen_lv != nullptr) RaiseCounter(p_listen_lv);
 }

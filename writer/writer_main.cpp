@@ -365,7 +365,9 @@ void WriterStart(CWriter* p_av) {
     return;
   TRACE44(TLOG_ARC_TRACE, "<%lld>writer: plugin exec start, get", i64_id3_lv);
   WriterAskFrames(p_av);
-  p_av->m_status.m_i64_start_time = static_cast<int64_t>(FileTimeNowLocal());
+  // The start is the first control the channel gets: the status report
+  // shows it until the events or the schedule say more.
+  AtomicPut(&p_av->m_status.m_i64_sched_last_get, static_cast<int64_t>(FileTimeNowLocal()));
 }
 
 void WriterReconfigure(CWriter* p_av, ProfileParam* p_params_av) {

@@ -38,7 +38,6 @@ struct TWriterStatus {
   int64_t m_i64_last_source_stat;
   int32_t m_b_last_need;
   int32_t m_b_write_on;
-  int64_t m_i64_start_time;
   int64_t m_i64_last_unneeded;
   int32_t m_b_sched;
   int64_t m_i64_last_detect;

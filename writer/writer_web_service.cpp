@@ -66,7 +66,10 @@ bool HasValue(const TQueryParams* p_params_av, const char* s_query_av) {
 }
 
 void QueryLogStatusAdd(const TQueryParams* p_params_av, SafeString*, int32_t) {
-  if (HasValue(p_params_av, "query_log_status_add")) LogStatusAdd(g_p_log_status_list, &p_params_av->m_s_value);
+  if (!HasValue(p_params_av, "query_log_status_add")) return;
+  if (LogStatusAdd(g_p_log_status_list, &p_params_av->m_s_value) == RC_LOG_STATUS_FULL)
+    TRACE45(TLOG_ARC, TSEV_FAULT, "<query> query_log_status_add: the list is full (%d subscriptions), \"%.64s\" not added",
+            static_cast<int>(I_LOG_STATUS_MAX), SafeStringText(&p_params_av->m_s_value));
 }
 
 void QueryLogStatusDelete(const TQueryParams* p_params_av, SafeString*, int32_t) {

@@ -279,7 +279,8 @@ ARC_EXPORT int32_t WriteDataForTime(int32_t handle, const void* data, int32_t si
   std::shared_ptr<ArcSession> p_session_lv = FindSession(handle);
   if (!p_session_lv || p_session_lv->m_b_open == 0) return Refuse(p_session_lv.get(), ARCHIVE_E_BAD_HANDLE);
   if (p_session_lv->m_b_alive == 0) return Refuse(p_session_lv.get(), ARCHIVE_E_ENDED);
-  if (data == nullptr || size <= 0 || size > p_session_lv->m_p_config->m_i64_max_frame_bytes)
+  // A time before 1601 is no file time: the reader could not order it.
+  if (data == nullptr || size <= 0 || size > p_session_lv->m_p_config->m_i64_max_frame_bytes || time < 0)
     return Refuse(p_session_lv.get(), ARCHIVE_E_BAD_ARG);
   int32_t i_fault_lv = InjectedFault(p_session_lv.get());
   if (i_fault_lv != 0) return i_fault_lv;

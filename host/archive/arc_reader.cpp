@@ -104,7 +104,10 @@ StreamSummary SummariseStream(const StreamRef& stream_av, int64_t i64_gap_ticks_
       sum_lv.m_ui_damaged_segments++;
     for (const IndexEntry& entry_lv : scan_lv.m_entries) {
       if (b_first_lv) sum_lv.m_i64_first = entry_lv.m_i64_time;
-      if (!b_first_lv && entry_lv.m_i64_time - i64_prev_lv > i64_gap_ticks_av)
+      // Files may hold any time at all: the difference is taken unsigned.
+      if (!b_first_lv && entry_lv.m_i64_time > i64_prev_lv &&
+          static_cast<uint64_t>(entry_lv.m_i64_time) - static_cast<uint64_t>(i64_prev_lv) >
+              static_cast<uint64_t>(i64_gap_ticks_av))
         sum_lv.m_gaps.emplace_back(i64_prev_lv, entry_lv.m_i64_time);
       b_first_lv = false;
       i64_prev_lv = entry_lv.m_i64_time;

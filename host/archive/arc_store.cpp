@@ -90,7 +90,10 @@ bool SegmentIsFull(const ArcStream* p_stream_av, const ArcConfig& config_av, int
   if (p_stream_av->m_ui_seg_frames == 0) return false;
   uint64_t ui64_after_lv = p_stream_av->m_ui64_seg_size + REC_HEAD_SIZE + ui_size_av;
   if (ui64_after_lv > static_cast<uint64_t>(config_av.m_i64_segment_max_bytes)) return true;
-  return i64_time_av - p_stream_av->m_i64_seg_first_time >= config_av.m_i64_segment_max_ticks;
+  // Times are never negative here, so the difference cannot overflow; one
+  // that falls back does not end the segment.
+  return i64_time_av >= p_stream_av->m_i64_seg_first_time &&
+         i64_time_av - p_stream_av->m_i64_seg_first_time >= config_av.m_i64_segment_max_ticks;
 }
 
 void FlushIndex(ArcStream* p_stream_av) {

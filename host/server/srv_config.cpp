@@ -44,7 +44,8 @@ const char* const SRV_USAGE =
     "\n"
     "Exit status: 0 when every camera that should record stored frames, 1 when\n"
     "one did not, 2 for bad options or a bad cameras file, 3 when the plug-in or\n"
-    "a library could not be loaded.\n";
+    "a library could not be loaded, 4 when the log, archive or state folder\n"
+    "cannot be made.\n";
 
 std::string SrvCamera::MediaTrack() const { return StatusTrack() + "_" + m_s_in; }
 std::string SrvCamera::StatusTrack() const { return m_s_keys[0] + "_" + m_s_keys[1] + "_" + m_s_keys[2]; }
@@ -55,6 +56,36 @@ bool ParseNumber(const char* s_av, double* p_out_av) {
   char* s_end_lv = nullptr;
   *p_out_av = strtod(s_av, &s_end_lv);
   return *s_av != 0 && *s_end_lv == 0 && *p_out_av >= 0;
+}
+
+// The range of each numeric option: a value beyond it would never end a
+// run, or wrap when it is made an integer.
+struct NumberRange {
+  const char* m_s_option;
+  double m_d_min;
+  double m_d_max;
+  bool m_b_whole;
+};
+const NumberRange OPTION_RANGES[] = {
+    {"--duration", 0, 31536000, false},  // a year
+    {"--drain", 0, 86400, false},
+    {"--in-flight", 0, 1000000, true},  // 0: no bound
+    {"--frames", 0, 1e15, true},
+    {"--write-delay", 0, 600000, true},
+};
+
+// False with a message naming the range when the value is outside it.
+bool NumberInRange(const std::string& s_opt_av, double d_av, std::string* p_error_av) {
+  for (const NumberRange& r_lv : OPTION_RANGES) {
+    if (s_opt_av != r_lv.m_s_option) continue;
+    if (d_av >= r_lv.m_d_min && d_av <= r_lv.m_d_max && (!r_lv.m_b_whole || d_av == static_cast<double>(static_cast<int64_t>(d_av))))
+      return true;
+    char s_lv[160];
+    snprintf(s_lv, sizeof(s_lv), ": out of range, %s %.0f to %.0f", r_lv.m_b_whole ? "a whole number from" : "from",
+             r_lv.m_d_min, r_lv.m_d_max);
+    return *p_error_av = s_opt_av + s_lv, false;
+  }
+  return true;
 }
 
 // One option with a value; false with a message when it is bad.
@@ -70,6 +101,8 @@ bool TakeValued(const std::string& s_opt_av, const char* s_val_av, SrvSettings* 
     p_av->m_b_paced = strcmp(s_val_av, "real") == 0;
   else if (!ParseNumber(s_val_av, &d_lv))
     return *p_error_av = s_opt_av + ": bad value '" + s_val_av + "'", false;
+  else if (!NumberInRange(s_opt_av, d_lv, p_error_av))
+    return false;
   else if (s_opt_av == "--duration") p_av->m_d_duration_s = d_lv;
   else if (s_opt_av == "--drain") p_av->m_d_drain_s = d_lv;
   else if (s_opt_av == "--in-flight") p_av->m_i_in_flight = static_cast<int>(d_lv);
@@ -128,38 +161,58 @@ bool ReadTextList(yajl_val p_root_av, const char* s_key_av, std::vector<std::str
   return true;
 }
 
-// The stream source's own settings; false when one has the wrong type.
+// The stream source's own texts; false when one has the wrong type. Its
+// time-outs are whole numbers checked with the others.
 bool ReadStreamSettings(yajl_val p_src_av, SrvSourceConfig* p_out_av) {
   bool b_ok_lv = true;
-  int64_t i64_lv = 0;
   std::string s_transport_lv = "tcp";
   SrvJsonText(p_src_av, "url", &p_out_av->m_s_url, &b_ok_lv);
   SrvJsonText(p_src_av, "transport", &s_transport_lv, &b_ok_lv);
   if (s_transport_lv != "tcp" && s_transport_lv != "udp") b_ok_lv = false;
   p_out_av->m_b_udp = s_transport_lv == "udp";
-  if (SrvJsonInt(p_src_av, "connect_timeout_ms", &i64_lv, &b_ok_lv))
-    p_out_av->m_i_connect_timeout_ms = static_cast<int>(std::min<int64_t>(i64_lv, 3600000));
-  if (SrvJsonInt(p_src_av, "read_timeout_ms", &i64_lv, &b_ok_lv))
-    p_out_av->m_i_read_timeout_ms = static_cast<int>(std::min<int64_t>(i64_lv, 3600000));
-  if (SrvJsonInt(p_src_av, "retry_max_ms", &i64_lv, &b_ok_lv))
-    p_out_av->m_i_retry_max_ms = static_cast<int>(std::min<int64_t>(i64_lv, 3600000));
   return b_ok_lv;
+}
+
+// Whole numbers of a source, each checked before it is made an int.
+bool ReadSourceInts(yajl_val p_src_av, const std::string& s_where_av, SrvSourceConfig* p_out_av,
+                    std::string* p_error_av) {
+  struct IntField {
+    const char* m_s_key;
+    int64_t m_i64_min;
+    int64_t m_i64_max;
+    int* p_out;
+  };
+  const IntField fields_lv[] = {{"key_interval_ms", 1, 3600000, &p_out_av->m_i_key_interval_ms},
+                                {"width", 1, 16384, &p_out_av->m_i_width},
+                                {"height", 1, 16384, &p_out_av->m_i_height},
+                                {"frame_bytes", 32, 64 << 20, &p_out_av->m_i_frame_bytes},
+                                {"audio_frame_ms", 1, 10000, &p_out_av->m_i_audio_frame_ms},
+                                {"connect_timeout_ms", 1, 3600000, &p_out_av->m_i_connect_timeout_ms},
+                                {"read_timeout_ms", 1, 3600000, &p_out_av->m_i_read_timeout_ms},
+                                {"retry_max_ms", 1, 3600000, &p_out_av->m_i_retry_max_ms}};
+  for (const IntField& f_lv : fields_lv) {
+    bool b_ok_lv = true;
+    int64_t i64_lv = 0;
+    bool b_given_lv = SrvJsonInt(p_src_av, f_lv.m_s_key, &i64_lv, &b_ok_lv);
+    if (!b_ok_lv) return *p_error_av = s_where_av + ": a setting of \"source\" has the wrong type", false;
+    if (!b_given_lv) continue;
+    if (i64_lv < f_lv.m_i64_min || i64_lv > f_lv.m_i64_max)
+      return *p_error_av = s_where_av + ": \"" + f_lv.m_s_key + "\" is out of range, from " +
+                           std::to_string(f_lv.m_i64_min) + " to " + std::to_string(f_lv.m_i64_max), false;
+    *f_lv.p_out = static_cast<int>(i64_lv);
+  }
+  return true;
 }
 
 bool ReadSource(yajl_val p_src_av, const std::string& s_where_av, const std::string& s_base_dir_av,
                 SrvSourceConfig* p_out_av, std::string* p_error_av) {
   if (p_src_av == nullptr) return true;  // the synthetic default
   if (!YAJL_IS_OBJECT(p_src_av)) return *p_error_av = s_where_av + ": \"source\" is not an object", false;
+  if (!ReadSourceInts(p_src_av, s_where_av, p_out_av, p_error_av)) return false;
   bool b_ok_lv = true;
-  int64_t i64_lv = 0;
   SrvJsonText(p_src_av, "type", &p_out_av->m_s_type, &b_ok_lv);
   SrvJsonText(p_src_av, "file", &p_out_av->m_s_file, &b_ok_lv);
   SrvJsonDouble(p_src_av, "fps", &p_out_av->m_d_fps, &b_ok_lv);
-  if (SrvJsonInt(p_src_av, "key_interval_ms", &i64_lv, &b_ok_lv)) p_out_av->m_i_key_interval_ms = static_cast<int>(i64_lv);
-  if (SrvJsonInt(p_src_av, "width", &i64_lv, &b_ok_lv)) p_out_av->m_i_width = static_cast<int>(i64_lv);
-  if (SrvJsonInt(p_src_av, "height", &i64_lv, &b_ok_lv)) p_out_av->m_i_height = static_cast<int>(i64_lv);
-  if (SrvJsonInt(p_src_av, "frame_bytes", &i64_lv, &b_ok_lv)) p_out_av->m_i_frame_bytes = static_cast<int>(i64_lv);
-  if (SrvJsonInt(p_src_av, "audio_frame_ms", &i64_lv, &b_ok_lv)) p_out_av->m_i_audio_frame_ms = static_cast<int>(i64_lv);
   SrvJsonBool(p_src_av, "video", &p_out_av->m_b_video, &b_ok_lv);
   SrvJsonBool(p_src_av, "audio", &p_out_av->m_b_audio, &b_ok_lv);
   if (!ReadStreamSettings(p_src_av, p_out_av)) b_ok_lv = false;
@@ -177,11 +230,11 @@ bool ReadSource(yajl_val p_src_av, const std::string& s_where_av, const std::str
   } else if (p_out_av->m_s_type != "synthetic") {
     return *p_error_av = s_where_av + ": unknown source type '" + p_out_av->m_s_type + "'", false;
   }
-  if (p_out_av->m_i_key_interval_ms <= 0 || p_out_av->m_i_audio_frame_ms <= 0 || p_out_av->m_i_frame_bytes < 32 ||
-      p_out_av->m_i_width <= 0 || p_out_av->m_i_height <= 0 || p_out_av->m_d_fps > 1000)
-    return *p_error_av = s_where_av + ": a setting of \"source\" is out of range", false;
+  if (!(p_out_av->m_d_fps >= 0 && p_out_av->m_d_fps <= 1000))
+    return *p_error_av = s_where_av + ": \"fps\" is out of range, from 0 to 1000", false;
   return true;
 }
+
 
 // The parts of the plug-in's document that the host needs: track names,
 // the archive's keys, the recording mode.
@@ -251,10 +304,11 @@ bool ReadForcedStep(yajl_val p_step_av, const std::string& s_where_av, const Srv
   bool b_id_lv = SrvJsonText(p_step_av, "id", &p_out_av->m_s_id, &b_ok_lv);
   SrvJsonInt(p_step_av, "duration", &p_out_av->m_i64_duration, &b_ok_lv);
   if (!b_ok_lv || (!b_camera_lv && !b_id_lv) ||
-      (SrvJsonMember(p_step_av, "duration") != nullptr && p_out_av->m_i64_duration < 0))
+      (SrvJsonMember(p_step_av, "duration") != nullptr &&
+       (p_out_av->m_i64_duration < 0 || p_out_av->m_i64_duration > INT32_MAX)))
     return *p_error_av = s_where_av +
                          ": a forced command needs \"camera\" or \"id\" (texts), and \"duration\" "
-                         "is whole seconds, 0 or more",
+                         "is whole seconds, 0 to 2147483647",
            false;
   if (b_camera_lv && !b_id_lv) {
     const SrvCamera* p_cam_lv = CameraNamed(settings_av, p_out_av->m_s_camera);
@@ -263,6 +317,12 @@ bool ReadForcedStep(yajl_val p_step_av, const std::string& s_where_av, const Srv
     p_out_av->m_s_id = p_cam_lv->m_s_id;
   }
   return true;
+}
+
+// A step's time: seconds from the start, within the longest run.
+bool AtInRange(const SrvEventStep& step_av, const std::string& s_where_av, std::string* p_error_av) {
+  if (step_av.m_d_at_s >= 0 && step_av.m_d_at_s <= 31536000) return true;
+  return *p_error_av = s_where_av + ": \"at\" is out of range, from 0 to 31536000 seconds", false;
 }
 
 bool ReadEventStep(yajl_val p_step_av, size_t ui_index_av, const SrvSettings& settings_av, SrvEventStep* p_out_av,
@@ -275,6 +335,7 @@ bool ReadEventStep(yajl_val p_step_av, size_t ui_index_av, const SrvSettings& se
     if (!SrvJsonDouble(p_step_av, "at", &p_out_av->m_d_at_s, &b_ok_lv))
       return *p_error_av = s_where_lv + ": needs \"at\" (seconds)", false;
     p_out_av->m_s_command = s_command_lv;
+    if (!AtInRange(*p_out_av, s_where_lv, p_error_av)) return false;
     return ReadForcedStep(p_step_av, s_where_lv, settings_av, p_out_av, p_error_av);
   }
   b_ok_lv = true;
@@ -284,7 +345,7 @@ bool ReadEventStep(yajl_val p_step_av, size_t ui_index_av, const SrvSettings& se
       !SrvJsonText(p_step_av, "camera", &p_out_av->m_s_camera, &b_ok_lv) ||
       !SrvJsonInt(p_step_av, "event", &i64_event_lv, &b_ok_lv) || !SrvJsonText(p_step_av, "action", &s_action_lv, &b_ok_lv))
     return *p_error_av = s_where_lv + ": needs \"at\" (seconds), \"camera\", \"event\" and \"action\"", false;
-  i64_stop_lv = i64_event_lv + 1;
+  i64_stop_lv = i64_event_lv < INT64_MAX ? i64_event_lv + 1 : i64_event_lv;
   SrvJsonInt(p_step_av, "stop_event", &i64_stop_lv, &b_ok_lv);
   SrvJsonText(p_step_av, "guid", &p_out_av->m_s_guid, &b_ok_lv);
   if (!b_ok_lv || (s_action_lv != "start" && s_action_lv != "stop"))
@@ -292,6 +353,9 @@ bool ReadEventStep(yajl_val p_step_av, size_t ui_index_av, const SrvSettings& se
                          ": \"action\" is start, stop, start_recording or stop_recording, \"stop_event\" "
                          "a number, \"guid\" a text",
            false;
+  if (!AtInRange(*p_out_av, s_where_lv, p_error_av)) return false;
+  if (i64_event_lv < INT32_MIN || i64_event_lv > INT32_MAX || i64_stop_lv < INT32_MIN || i64_stop_lv > INT32_MAX)
+    return *p_error_av = s_where_lv + ": \"event\" and \"stop_event\" are 32-bit numbers", false;
   if (CameraNamed(settings_av, p_out_av->m_s_camera) == nullptr)
     return *p_error_av = s_where_lv + ": no camera named '" + p_out_av->m_s_camera + "'", false;
   p_out_av->m_i_event = static_cast<int32_t>(i64_event_lv);
@@ -334,9 +398,10 @@ bool ReadFileSettings(yajl_val p_root_av, SrvSettings* p_out_av, std::string* p_
   if (p_arc_lv != nullptr) p_out_av->m_s_file_archive = SrvJsonWrite(p_arc_lv);
   bool b_ok_lv = true;
   int64_t i64_lv = 0;
-  if (SrvJsonInt(p_root_av, "write_delay_ms", &i64_lv, &b_ok_lv) && p_out_av->m_i_write_delay_ms < 0)
-    p_out_av->m_i_write_delay_ms = static_cast<int>(i64_lv);
-  if (!b_ok_lv) return *p_error_av = "\"write_delay_ms\" is a whole number", false;
+  bool b_given_lv = SrvJsonInt(p_root_av, "write_delay_ms", &i64_lv, &b_ok_lv);
+  if (!b_ok_lv || (b_given_lv && (i64_lv < 0 || i64_lv > 600000)))
+    return *p_error_av = "\"write_delay_ms\" is a whole number from 0 to 600000", false;
+  if (b_given_lv && p_out_av->m_i_write_delay_ms < 0) p_out_av->m_i_write_delay_ms = static_cast<int>(i64_lv);
   return ReadTextList(p_root_av, "holidays", &p_out_av->m_holidays, p_error_av) &&
          ReadTextList(p_root_av, "working_weekends", &p_out_av->m_working_weekends, p_error_av);
 }

@@ -2,6 +2,11 @@
 // archive and libwriter.so, feeds the configured cameras to the plug-in for
 // the run's duration, and tells what was recorded.
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <csignal>
 #include <cstdio>
@@ -23,6 +28,7 @@ namespace {
 
 const int EXIT_BAD_CONFIG = 2;
 const int EXIT_NO_PLUGIN = 3;
+const int EXIT_NO_FOLDER = 4;
 
 volatile std::sig_atomic_t g_i_stop_signal = 0;
 
@@ -173,6 +179,39 @@ int RunServer(SrvSettings* p_settings_av) {
   return i_rc_lv;
 }
 
+// Makes a folder and those above it; false with the reason when it cannot
+// be made or written into.
+bool MakeFolder(const std::string& s_path_av, std::string* p_why_av) {
+  for (size_t ui_lv = 1; ui_lv <= s_path_av.size(); ui_lv++) {
+    if (ui_lv < s_path_av.size() && s_path_av[ui_lv] != '/') continue;
+    std::string s_part_lv = s_path_av.substr(0, ui_lv);
+    if (mkdir(s_part_lv.c_str(), 0755) != 0 && errno != EEXIST) return *p_why_av = strerror(errno), false;
+  }
+  struct stat st_lv {};
+  if (stat(s_path_av.c_str(), &st_lv) != 0) return *p_why_av = strerror(errno), false;
+  if (!S_ISDIR(st_lv.st_mode)) return *p_why_av = "not a folder", false;
+  if (access(s_path_av.c_str(), W_OK | X_OK) != 0) return *p_why_av = strerror(errno), false;
+  return true;
+}
+
+// The log, the archive root and the plug-in's saved settings must have a
+// place before anything loads: a run without one would lose its lines, its
+// frames or its settings without a word.
+bool MakeFolders(const SrvSettings& settings_av) {
+  const std::pair<const char*, std::string> folders_lv[] = {{"--log", settings_av.m_s_log_dir},
+                                                            {"--archive", settings_av.m_s_archive_root},
+                                                            {"--state", settings_av.m_s_state_dir},
+                                                            {"--state", settings_av.m_s_state_dir + "/config"}};
+  for (const auto& folder_lv : folders_lv) {
+    std::string s_why_lv;
+    if (MakeFolder(folder_lv.second, &s_why_lv)) continue;
+    fprintf(stderr, "writer-host: cannot make the folder %s (%s): %s\n", folder_lv.second.c_str(), folder_lv.first,
+            s_why_lv.c_str());
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -192,6 +231,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "writer-host: %s\n", s_error_lv.c_str());
     return EXIT_BAD_CONFIG;
   }
+  if (!MakeFolders(settings_lv)) return EXIT_NO_FOLDER;
   setvbuf(stdout, nullptr, _IOLBF, 0);
   return RunServer(&settings_lv);
 }

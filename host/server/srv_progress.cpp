@@ -106,6 +106,10 @@ void SrvMonitorStart(SrvMonitor* p_av) {
   // Lines of earlier runs in the same folder are not this run's passes.
   SrvPassCounterUpdate(&p_av->m_passes);
   p_av->m_passes.m_i64_count = 0;
+  // Frames of earlier runs in the same archive are not this run's.
+  p_av->m_stored_before.clear();
+  for (SrvSource* p_src_lv : p_av->m_sources)
+    p_av->m_stored_before.push_back(SrvStoredOf(p_av->m_p_settings->m_s_archive_root, *p_src_lv->m_p_camera));
   p_av->m_i64_start_perf = PlPerfCounter();
   p_av->m_p_stop = new PlEvent(true, false);
   p_av->m_p_thread = PlThread::Create(&MonitorThread, p_av, 0, false);
@@ -144,11 +148,21 @@ SrvStored SrvStoredOf(const std::string& s_root_av, const SrvCamera& camera_av) 
 
 namespace {
 
-// One camera's lines; false when it should have recorded and stored nothing.
-bool PrintCamera(const SrvSettings& settings_av, const SrvSource& src_av) {
+// What this run stored: the archive now less what it held at the start.
+SrvStored StoredThisRun(SrvStored now_av, const SrvStored& before_av) {
+  auto less_lv = [](uint64_t a_av, uint64_t b_av) { return a_av > b_av ? a_av - b_av : 0; };
+  now_av.m_ui64_video = less_lv(now_av.m_ui64_video, before_av.m_ui64_video);
+  now_av.m_ui64_audio = less_lv(now_av.m_ui64_audio, before_av.m_ui64_audio);
+  now_av.m_ui64_keys = less_lv(now_av.m_ui64_keys, before_av.m_ui64_keys);
+  return now_av;
+}
+
+// One camera's lines; false when it should have recorded and stored nothing
+// in this run.
+bool PrintCamera(const SrvSettings& settings_av, const SrvSource& src_av, const SrvStored& before_av) {
   const SrvCamera& cam_lv = *src_av.m_p_camera;
   const SrvSourceCounts& c_lv = src_av.m_counts;
-  SrvStored stored_lv = SrvStoredOf(settings_av.m_s_archive_root, cam_lv);
+  SrvStored stored_lv = StoredThisRun(SrvStoredOf(settings_av.m_s_archive_root, cam_lv), before_av);
   printf("camera %s (archive folder %s)\n", cam_lv.m_s_name.c_str(), stored_lv.m_s_folder.c_str());
   printf("  sent     %lld video, %lld audio, %lld key frames, %.1f MB; wanted %lld (%lld need answers); "
          "%d listening, %d asked for frames\n",
@@ -156,7 +170,7 @@ bool PrintCamera(const SrvSettings& settings_av, const SrvSource& src_av) {
          static_cast<long long>(c_lv.m_i64_keys.load()), static_cast<double>(c_lv.m_i64_bytes) / 1e6,
          static_cast<long long>(c_lv.m_i64_wanted.load()), static_cast<long long>(c_lv.m_i64_need_answers.load()),
          c_lv.m_i_listeners.load(), c_lv.m_i_gets.load());
-  printf("  stored   %llu video (%llu key), %llu audio\n", static_cast<unsigned long long>(stored_lv.m_ui64_video),
+  printf("  stored   (this run) %llu video (%llu key), %llu audio\n", static_cast<unsigned long long>(stored_lv.m_ui64_video),
          static_cast<unsigned long long>(stored_lv.m_ui64_keys), static_cast<unsigned long long>(stored_lv.m_ui64_audio));
   if (cam_lv.m_source.m_s_type == "stream")
     printf("  stream   %lld drops, %lld reconnects\n", static_cast<long long>(c_lv.m_i64_drops.load()),
@@ -209,8 +223,10 @@ int SrvPrintSummary(SrvMonitor* p_av, double d_run_s_av) {
   }
   printf("\n== writer-host summary: %.1f s, %s pacing\n", d_run_s_av, settings_lv.m_b_paced ? "real-time" : "fast");
   bool b_ok_lv = true;
-  for (SrvSource* p_src_lv : p_av->m_sources) {
-    b_ok_lv = PrintCamera(settings_lv, *p_src_lv) && b_ok_lv;
+  for (size_t ui_lv = 0; ui_lv < p_av->m_sources.size(); ui_lv++) {
+    SrvSource* p_src_lv = p_av->m_sources[ui_lv];
+    SrvStored before_lv = ui_lv < p_av->m_stored_before.size() ? p_av->m_stored_before[ui_lv] : SrvStored();
+    b_ok_lv = PrintCamera(settings_lv, *p_src_lv, before_lv) && b_ok_lv;
     i64_wanted_lv += p_src_lv->m_counts.m_i64_wanted;
   }
   ArchiveStats st_lv = SrvPluginArchiveStats(p_av->m_p_plugin);

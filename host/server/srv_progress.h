@@ -27,6 +27,13 @@ struct SrvPassCounter {
 extern const char* const SRV_PASS_TAG;
 int64_t SrvPassCounterUpdate(SrvPassCounter* p_av);
 
+// What the archive holds of one camera.
+struct SrvStored {
+  std::string m_s_folder;
+  uint64_t m_ui64_video = 0;
+  uint64_t m_ui64_audio = 0;
+  uint64_t m_ui64_keys = 0;
+};
 struct SrvMonitor {
   const SrvSettings* m_p_settings = nullptr;
   SrvPlugin* m_p_plugin = nullptr;
@@ -39,6 +46,7 @@ struct SrvMonitor {
   int64_t m_i64_start_perf = 0;
   PlEvent* m_p_stop = nullptr;
   PlThread* m_p_thread = nullptr;
+  std::vector<SrvStored> m_stored_before;  // per source: what earlier runs left in the archive
 };
 
 void SrvMonitorStart(SrvMonitor* p_av);
@@ -46,13 +54,6 @@ void SrvMonitorStop(SrvMonitor* p_av);
 // Written + passed, as the monitor last saw them; also refreshes the flow.
 void SrvMonitorRefresh(SrvMonitor* p_av, int64_t* p_written_av, int64_t* p_passes_av);
 
-// What the archive holds of one camera.
-struct SrvStored {
-  std::string m_s_folder;
-  uint64_t m_ui64_video = 0;
-  uint64_t m_ui64_audio = 0;
-  uint64_t m_ui64_keys = 0;
-};
 SrvStored SrvStoredOf(const std::string& s_root_av, const SrvCamera& camera_av);
 
 // The whole run in one line: frames stored over the time from the sources'

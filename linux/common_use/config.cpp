@@ -225,6 +225,11 @@ bool ParseLogStatusFile(CLogStatusList* p_list_av, const char* s_text_av) {
     yajl_val log_lv = item_lv != nullptr ? yajl_tree_get(item_lv, log_path_lv, yajl_t_string) : nullptr;
     // An element without a format text would subscribe to nothing.
     if (log_lv == nullptr || YAJL_GET_STRING(log_lv) == nullptr || YAJL_GET_STRING(log_lv)[0] == 0) continue;
+    if (p_list_av->m_list.m_i_count >= I_LOG_STATUS_MAX) {
+      TRACE45(TLOG_ARC, TSEV_FAULT, "<rename> saved file holds more than %d subscriptions, the rest is left out",
+              static_cast<int>(I_LOG_STATUS_MAX));
+      break;
+    }
     TLogStatusElem* p_elem_lv = new TLogStatusElem();
     SafeStringAssign(&p_elem_lv->log, YAJL_GET_STRING(log_lv), SIGN_LOG_TEXT);
     // A saved "is_on":false does not survive: the element is made on, and

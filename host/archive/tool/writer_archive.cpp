@@ -141,7 +141,8 @@ int CmdList(int argc, char** argv) {
   if (opt_lv.m_b_help) return printf("%s", HELP_LIST), 0;
   if (!opt_lv.m_s_error.empty()) return Usage(HELP_LIST, opt_lv.m_s_error);
   int64_t i64_gap_s_lv = atoll(opt_lv.Get("--gap", "5").c_str());
-  if (i64_gap_s_lv <= 0) return Usage(HELP_LIST, "--gap needs a positive number of seconds");
+  if (i64_gap_s_lv <= 0 || i64_gap_s_lv > 1000000000LL)
+    return Usage(HELP_LIST, "--gap needs a positive number of seconds, at most 1000000000");
   std::vector<StreamRef> streams_lv;
   if (!LoadStreams(opt_lv, &streams_lv)) return EXIT_NO_ARCHIVE;
   for (const StreamRef& stream_lv : streams_lv) {
@@ -155,7 +156,7 @@ int CmdList(int argc, char** argv) {
     for (size_t ui_lv = 0; ui_lv < sum_lv.m_gaps.size() && ui_lv < MAX_GAPS; ui_lv++)
       printf("  gap from %s to %s (%.1f s)\n", TimeText(sum_lv.m_gaps[ui_lv].first).c_str(),
              TimeText(sum_lv.m_gaps[ui_lv].second).c_str(),
-             static_cast<double>(sum_lv.m_gaps[ui_lv].second - sum_lv.m_gaps[ui_lv].first) / 1e7);
+             (static_cast<double>(sum_lv.m_gaps[ui_lv].second) - static_cast<double>(sum_lv.m_gaps[ui_lv].first)) / 1e7);
     if (sum_lv.m_gaps.size() > MAX_GAPS) printf("  ... and %zu more gaps\n", sum_lv.m_gaps.size() - MAX_GAPS);
     if (sum_lv.m_ui_damaged_segments > 0)
       printf("  %zu segments with a damaged tail (see verify)\n", sum_lv.m_ui_damaged_segments);

@@ -80,8 +80,9 @@ uint64_t LogStatusHash(const char* s_text_av) {
   return StrHash64(s_text_av, static_cast<uint32_t>(strlen(s_text_av)));
 }
 
-void LogStatusAdd(CLogStatusList* p_list_av, const SafeString* p_text_av) {
-  if (p_list_av == nullptr) return;
+int32_t LogStatusAdd(CLogStatusList* p_list_av, const SafeString* p_text_av) {
+  if (p_list_av == nullptr) return RC_OK;
+  int32_t i_result_lv = RC_OK;
   // Made before the lock, which then covers the look-up alone.
   TLogStatusElem* p_new_lv = new TLogStatusElem();
   SafeStringAssign(&p_new_lv->log, TextOf(p_text_av), SIGN_LOG_TEXT);
@@ -93,15 +94,19 @@ void LogStatusAdd(CLogStatusList* p_list_av, const SafeString* p_text_av) {
       TLogStatusElem* p_elem_lv = LogStatusElemAt(p_list_av, i_lv);
       if (p_elem_lv != nullptr && p_elem_lv->hash == p_new_lv->hash) p_found_lv = p_elem_lv;
     }
-    if (p_found_lv == nullptr) {
+    if (p_found_lv == nullptr && p_list_av->m_list.m_i_count >= I_LOG_STATUS_MAX) {
+      i_result_lv = RC_LOG_STATUS_FULL;
+    } else if (p_found_lv == nullptr) {
       if (CListOurAdd(&p_list_av->m_list, p_new_lv) >= 0) p_new_lv = nullptr;
     } else {
       p_found_lv->is_on = 1;
     }
   }
   delete p_new_lv;
+  if (i_result_lv != RC_OK) return i_result_lv;
   LogSitesLookAgain();
   LogStatusRecomputeAllOff(p_list_av);
+  return RC_OK;
 }
 
 void LogStatusDelete(CLogStatusList* p_list_av, const SafeString* p_text_av) {

@@ -56,9 +56,16 @@ class CLogStatusList {
 // The one list of the process; null before GlobalInit and after GlobalDeinit.
 extern CLogStatusList* g_p_log_status_list;
 
+// Most subscriptions the list holds: each one is looked up by every add and
+// by every site that binds, and an operator follows a few dozen at most.
+const int32_t I_LOG_STATUS_MAX = 1024;
+// A full list takes no new text.
+const int32_t RC_LOG_STATUS_FULL = static_cast<int32_t>(0x80070008u);
+
 // Query "query_log_status_add": subscribes to the format text, or turns its
-// subscription on again, and makes every log site look again.
-void LogStatusAdd(CLogStatusList* p_list_av, const SafeString* p_text_av);
+// subscription on again, and makes every log site look again. RC_OK, or
+// RC_LOG_STATUS_FULL for a new text when the list holds I_LOG_STATUS_MAX.
+int32_t LogStatusAdd(CLogStatusList* p_list_av, const SafeString* p_text_av);
 // Query "query_log_status_delete": drops the first subscription of the text.
 void LogStatusDelete(CLogStatusList* p_list_av, const SafeString* p_text_av);
 // Query "query_log_status_off": turns every subscription of the text off.
