@@ -43,20 +43,24 @@ trap cleanup EXIT
 
 seconds=$((minutes * 60))
 "$bin/writer-host" --cameras "$work/cams.json" --duration "$seconds" --drain 10 --archive "$work/arc" \
-  --log "$work/log" --state "$work" --quiet >"$work/host.txt" 2>&1 &
+  --log "$work/log" --state "$work" >"$work/host.txt" 2>&1 &
 host_pid=$!
 
-# One line per sample: seconds since start, resident KB, threads, open files.
+# One line per sample: seconds since start, resident KB, threads, open
+# files, and the plug-in's frame-buffer memory from the latest progress line
+# (MB): the buffers size themselves from the traffic, so they tell a
+# process that grows from a plug-in that holds more frames.
 sample() {
-  local rss thr fds
+  local rss thr fds buf
   rss=$(awk '/^VmRSS:/ { print $2 }' "/proc/$host_pid/status" 2>/dev/null) || return 1
   thr=$(awk '/^Threads:/ { print $2 }' "/proc/$host_pid/status" 2>/dev/null) || return 1
   fds=$(ls "/proc/$host_pid/fd" 2>/dev/null | wc -l)
-  [ -n "$rss" ] && echo "$1 $rss $thr $fds"
+  buf=$(tail -n 40 "$work/host.txt" | grep -o 'buffers [0-9.]* MB' | tail -n 1 | awk '{ print $2 }')
+  [ -n "$rss" ] && echo "$1 $rss $thr $fds ${buf:-0}"
 }
 
 echo "soak: $cams cameras, $minutes min, $frame_bytes bytes a video frame, pid $host_pid, samples every ${period} s"
-printf "%6s %10s %8s %6s\n" "s" "rss KB" threads files
+printf "%6s %10s %8s %6s %11s\n" "s" "rss KB" threads files "buffers MB"
 start=$(date +%s)
 : >"$work/samples.txt"
 while kill -0 "$host_pid" 2>/dev/null; do
@@ -65,22 +69,22 @@ while kill -0 "$host_pid" 2>/dev/null; do
   line=$(sample "$now") || break
   [ -n "$line" ] || break
   echo "$line" >>"$work/samples.txt"
-  printf "%6d %10d %8d %6d\n" $line
+  printf "%6d %10d %8d %6d %11s\n" $line
   sleep $period
 done
 wait "$host_pid" && rc=0 || rc=$?
 host_pid=
-grep -E '^(frames|whole|  sent)' "$work/host.txt" | head -5 || true
+grep -E '^(archive|frames|whole|result)' "$work/host.txt" || true
 echo "writer-host exit status: $rc"
 
 # Growth from the first sample at or after 60 s to the last one; the peak
 # after warm-up too, since a leak can hide behind a late dip.
 awk '
-  $1 >= 60 && base == "" { base = $2; bthr = $3; bfds = $4; bt = $1 }
-  base != "" { last = $2; lthr = $3; lfds = $4; lt = $1; if ($2 > peak) peak = $2 }
+  $1 >= 60 && base == "" { base = $2; bthr = $3; bfds = $4; bt = $1; bbuf = $5 }
+  base != "" { last = $2; lthr = $3; lfds = $4; lt = $1; lbuf = $5; if ($2 > peak) peak = $2; if ($5 > pbuf) pbuf = $5 }
   END {
     if (base == "") { print "soak: too few samples after the first minute"; exit 1 }
-    printf "after warm-up (%d s to %d s): resident %d KB -> %d KB (%+.2f %%, peak %+.2f %%), threads %d -> %d, files %d -> %d\n",
-           bt, lt, base, last, 100 * (last - base) / base, 100 * (peak - base) / base, bthr, lthr, bfds, lfds
+    printf "after warm-up (%d s to %d s): resident %d KB -> %d KB (%+.2f %%, peak %+.2f %%), threads %d -> %d, files %d -> %d, buffers %s MB -> %s MB (peak %s MB)\n",
+           bt, lt, base, last, 100 * (last - base) / base, 100 * (peak - base) / base, bthr, lthr, bfds, lfds, bbuf, lbuf, pbuf
     exit (100 * (last - base) / base < 1 && lthr <= bthr && lfds <= bfds) ? 0 : 3
   }' "$work/samples.txt"
