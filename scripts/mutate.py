@@ -208,6 +208,7 @@ def main():
     ap.add_argument("--build", default=os.path.join(ROOT, "build-mut"))
     ap.add_argument("--list", action="store_true", help="print the sample and stop")
     ap.add_argument("--jobs", default="2")
+    ap.add_argument("--pick", default="", help="only these mutants of the sample, by number: 3,7-9")
     args = ap.parse_args()
 
     pool = candidates()
@@ -234,7 +235,7 @@ def main():
 
     # Every test program of the suite (CTest names them after their targets).
     listed = subprocess.run(["ctest", "--test-dir", args.build, "-N"], capture_output=True, text=True).stdout
-    all_tests = re.findall(r"Test\s+#\d+: (\S+)", listed)
+    all_tests = [t for t in re.findall(r"Test\s+#\d+: (\S+)", listed) if t.startswith("test_")]
     originals = {}
 
     def restore(*_):
@@ -250,11 +251,17 @@ def main():
     signal.signal(signal.SIGINT, on_signal)
     signal.signal(signal.SIGTERM, on_signal)
 
+    picked = set()
+    for part in filter(None, args.pick.split(",")):
+        lo, _, hi = part.partition("-")
+        picked.update(range(int(lo), int(hi or lo) + 1))
     counts = {"killed": 0, "survived": 0, "equivalent": 0, "no build": 0}
     survivors = []
     t0 = time.time()
     try:
         for i, (unit, no, col, kind, old, new) in enumerate(sample, 1):
+            if picked and i not in picked:
+                continue
             path = os.path.join(ROOT, unit)
             text = open(path).read()
             lines = text.split("\n")
