@@ -175,7 +175,8 @@ def mutant_key(unit, line_text, col, old, new):
     """Stable across edits elsewhere in the file: the unit, the line's text
     and the change."""
     h = hashlib.sha1(line_text.strip().encode()).hexdigest()[:10]
-    return "%s %s %d %s>%s" % (unit, h, col - (len(line_text) - len(line_text.lstrip())), old, new)
+    change = re.sub(r"\s+", "", old + ">" + new)
+    return "%s %s %d %s" % (unit, h, col - (len(line_text) - len(line_text.lstrip())), change)
 
 
 def load_equivalent():
