@@ -77,14 +77,20 @@ host_pid=
 grep -E '^(archive|frames|whole|result)' "$work/host.txt" || true
 echo "writer-host exit status: $rc"
 
-# Growth from the first sample at or after 60 s to the last one; the peak
-# after warm-up too, since a leak can hide behind a late dip.
-awk '
-  $1 >= 60 && base == "" { base = $2; bthr = $3; bfds = $4; bt = $1; bbuf = $5 }
-  base != "" { last = $2; lthr = $3; lfds = $4; lt = $1; lbuf = $5; if ($2 > peak) peak = $2; if ($5 > pbuf) pbuf = $5 }
-  END {
-    if (base == "") { print "soak: too few samples after the first minute"; exit 1 }
-    printf "after warm-up (%d s to %d s): resident %d KB -> %d KB (%+.2f %%, peak %+.2f %%), threads %d -> %d, files %d -> %d, buffers %s MB -> %s MB (peak %s MB)\n",
-           bt, lt, base, last, 100 * (last - base) / base, 100 * (peak - base) / base, bthr, lthr, bfds, lfds, bbuf, lbuf, pbuf
-    exit (100 * (last - base) / base < 1 && lthr <= bthr && lfds <= bfds) ? 0 : 3
-  }' "$work/samples.txt"
+# Growth from the first sample at or after WARM seconds to the last one;
+# the peak after warm-up too, since a leak can hide behind a late dip.
+# Judged after the first minute; told also after 300 s, once every frame
+# buffer has been through its first 240 s reduction check.
+growth() {
+  awk -v warm="$1" '
+    $1 >= warm && base == "" { base = $2; bthr = $3; bfds = $4; bt = $1; bbuf = $5 }
+    base != "" { last = $2; lthr = $3; lfds = $4; lt = $1; lbuf = $5; if ($2 > peak) peak = $2; if ($5 > pbuf) pbuf = $5 }
+    END {
+      if (base == "") { printf "soak: no sample after %d s\n", warm; exit 1 }
+      printf "after %d s (%d s to %d s): resident %d KB -> %d KB (%+.2f %%, peak %+.2f %%), threads %d -> %d, files %d -> %d, buffers %s MB -> %s MB (peak %s MB)\n",
+             warm, bt, lt, base, last, 100 * (last - base) / base, 100 * (peak - base) / base, bthr, lthr, bfds, lfds, bbuf, lbuf, pbuf
+      exit (100 * (last - base) / base < 1 && lthr <= bthr && lfds <= bfds) ? 0 : 3
+    }' "$work/samples.txt"
+}
+[ "$seconds" -gt 300 ] && { growth 300 || true; }
+growth 60
