@@ -292,7 +292,10 @@ def main():
                 # The whole suite, for what another program may notice.
                 if run(["ninja", "-C", args.build, "-j", args.jobs] + all_tests, 3600, log) != 0:
                     verdict = "no build"
-                elif run(["ctest", "--test-dir", args.build, "-j", args.jobs, "--timeout", "300"], 3600, log) != 0:
+                # A program that fails twice in a row: the end-to-end runs of
+                # writer-host keep real time and can miss once on a busy machine.
+                elif run(["ctest", "--test-dir", args.build, "-j", args.jobs, "--timeout", "300",
+                          "--repeat", "until-pass:2"], 3600, log) != 0:
                     verdict = "killed by the suite"
                 else:
                     verdict = "SURVIVED"
