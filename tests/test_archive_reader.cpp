@@ -140,6 +140,19 @@ TEST(ArchiveChecksum, EveryWayGivesTheDefinedChecksumAtEveryLengthAlignmentAndSe
     }
 }
 
+// A camera's folder keeps its keys when they are safe as they stand, so
+// that an operator finds it by name; anything changed earns a digest.
+TEST(ArchiveFolderName, SafeKeysStandAsTheyAreAndChangedOnesGetADigest) {
+  const char* safe[] = {"srv-1", "cam.2", "main_x"};
+  const int32_t safe_sizes[] = {6, 6, 7};
+  EXPECT_EQ("srv-1_cam.2_main_x", warc::CameraFolderName(safe, safe_sizes, 3));
+  const char* changed[] = {"srv 1", "cam/2", "main"};
+  const int32_t changed_sizes[] = {6, 6, 5};
+  std::string name = warc::CameraFolderName(changed, changed_sizes, 3);
+  EXPECT_EQ(0u, name.find("srv_1_cam_2_main~")) << name;
+  EXPECT_EQ(std::string("srv_1_cam_2_main~").size() + 8, name.size()) << name;
+}
+
 TEST_F(ArchiveReaderTest, RepairCutsATailCutShortAndRebuildsTheIndex) {
   Frames(10);
   off_t i_full_lv = Size(Seg());

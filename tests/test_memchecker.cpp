@@ -6,10 +6,12 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "include/host/core_api.h"
@@ -226,6 +228,27 @@ TEST_F(MemCheckerTest, ScanWithOneBaseElementScansOnlyOnce) {
   ScanStep();
   g_p_stable = nullptr;
   EXPECT_EQ(4, p_stable_lv->m_i64_memcounter);
+}
+
+// The scan runs on the stability monitor's thread while every other
+// thread allocates: it reads the byte counter under the registry lock.
+TEST_F(MemCheckerTest, TheScanReadsTheCounterWhileOtherThreadsAllocate) {
+  std::unique_ptr<StableObject> p_stable_lv(new StableObject());
+  g_p_stable = p_stable_lv.get();
+  std::atomic<bool> b_stop_lv{false};
+  std::thread alloc_lv([&b_stop_lv] {
+    while (!b_stop_lv.load()) {
+      char* p_lv = nullptr;
+      SAFE_MEM_ALLOCB5(p_lv, 16, 5);
+      SAFE_MEM_FREE(p_lv);
+    }
+  });
+  for (int i_lv = 0; i_lv < 200; i_lv++) CheckNextBaseElem(m_p, "writer");
+  b_stop_lv.store(true);
+  alloc_lv.join();
+  CheckNextBaseElem(m_p, "writer");
+  g_p_stable = nullptr;
+  EXPECT_EQ(0, p_stable_lv->m_i64_memcounter);
 }
 
 TEST_F(MemCheckerTest, CrashListIsPlainTextAndStopsAfter101Lines) {

@@ -205,9 +205,8 @@ TEST_F(ServerTest, SlowArchivePassesFramesOverAndEveryFrameIsStoredOrPassed) {
 TEST_F(ServerTest, CleanRunOfTheDefaultCameraEndsWithNoReport) {
   Child c = Run({"--duration", "1.5"});
   ASSERT_TRUE(c.Exited(0)) << c.out << c.err;
-  // The first progress line comes about a second in; how far past it
-  // depends on the machine's load.
-  EXPECT_TRUE(std::regex_search(c.out, std::regex("\\[ +1\\.[0-9] s\\] cameras 1  sent "))) << c.out;
+  // The first progress line comes about a second in; later on a busy machine.
+  EXPECT_TRUE(std::regex_search(c.out, std::regex("\\[  1\\.[0-9] s\\] cameras 1  sent "))) << c.out;
   EXPECT_TRUE(std::regex_search(c.out, std::regex("passes 0  buffers [0-9]+\\.[0-9] MB\n"))) << "asked of the plug-in";
   EXPECT_NE(std::string::npos, c.out.find("web method writer GetError: plugin_methods_writer")) << c.out;
   EXPECT_NE(std::string::npos, c.out.find("result   OK"));

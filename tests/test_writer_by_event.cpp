@@ -124,6 +124,27 @@ TEST(SysInfo, EachPieceIsReadFromThirtyEightBytesFromItsComma) {
   }
 }
 
+// An element whose guid list cannot be had gives its own block back, and
+// the list it was meant for stays as it was.
+TEST(EventElem, AnElementWithoutMemoryForItsGuidListLeavesNothingAllocated) {
+  MemChecker* p_saved = g_p_mem_checker;
+  MemChecker checker;
+  g_p_mem_checker = &checker;
+  CListOur list;
+  int64_t i64_before = checker.m_i64_memcounter;
+  SafeMemFailNext(I_SIGN_EVENT_LIST, 1);
+  EXPECT_EQ(nullptr, EventElemCreate(20001, 20002));
+  EXPECT_EQ(i64_before, checker.m_i64_memcounter);
+  SafeMemFailNext(I_SIGN_EVENT_ELEM, 1);
+  EventListAdd(&list, 20001, 20002);
+  EXPECT_EQ(0, list.m_i_count);
+  EXPECT_EQ(i64_before, checker.m_i64_memcounter);
+  EventListAdd(&list, 20001, 20002);  // the switch is spent
+  EXPECT_EQ(1, list.m_i_count);
+  EventListClear(&list);
+  g_p_mem_checker = p_saved;
+}
+
 TEST_F(ByEventTest, BadMessagesAndAChannelNotRecordingByEventsChangeNothing) {
   int32_t type = 20001;
   char* key2 = const_cast<char*>("B");

@@ -59,15 +59,29 @@ TEST_F(InformTest, AStallIsForgivenDuringTheGraceThenConfirmationsStopAndTheirEx
   EXPECT_EQ(2, Registers());
 }
 
-TEST_F(InformTest, AMissingStoragePathKeepsLivenessAndIsPostedAtMostEvery600s) {
-  L().fault(ARCHIVE_FAULT_STORAGE_MISSING, -1, 1);
+// The archive is asked about the channel's own storage: another storage
+// missing is no concern of this channel.
+class StorageInformTest : public InformTest {
+ protected:
+  std::string WriterExtra() override { return R"(,"storage":{"_value":"disk2"})"; }
+};
+
+TEST_F(StorageInformTest, AMissingStoragePathKeepsLivenessAndIsPostedAtMostEvery600s) {
+  int64_t storage = m_info->m_i64_storage_id;
+  L().fault(ARCHIVE_FAULT_STORAGE_MISSING, storage + 1, 1);
   Advance(1801);
+  SourceAlive();
+  IAmLive(m_buff, -1);  // path present: the stall is the writer's
+  EXPECT_EQ(0, Registers());
+  EXPECT_TRUE(m_events.event_types.empty());
+  L().fault(ARCHIVE_FAULT_STORAGE_MISSING, storage, 1);
+  Advance(6);
   SourceAlive();
   IAmLive(m_buff, -1);
   EXPECT_EQ(1, Registers());
   ASSERT_EQ(1u, m_events.event_types.size());
   EXPECT_EQ(60033, m_events.event_types[0]);
-  EXPECT_EQ("storage id  video", m_events.comments[0]);
+  EXPECT_EQ("storage id disk2 video", m_events.comments[0]);
   Advance(6);
   SourceAlive();
   IAmLive(m_buff, -1);

@@ -121,10 +121,28 @@ TEST_F(ChannelTest, ARefusedWriteIsReportedTwiceWithMinus61AndTheNextRecordIsSti
   EXPECT_EQ((std::vector<int64_t>{-61, -61}), Sets(65));
 }
 
-TEST_F(ChannelTest, ASessionEndedByTheArchiveIsReopenedAtTheNextFrameWithoutAClose) {
+// A channel that keeps three days: every session it opens, the first and
+// one reopened after the archive ended the old, is told the restriction
+// and the depth before its first write.
+class DepthTest : public ChannelTest {
+ protected:
+  std::string WriterExtra() override { return R"(,"depth_restrict":{"_value":true},"depth":{"_value":3})"; }
+  void ExpectSessionDepth() {
+    int32_t handle = m_info->m_dw_write_handle;
+    ASSERT_NE(INVALIDATE_WRITE_HANDLE, handle);
+    int64_t restrict_v = -1, depth = -1;
+    EXPECT_NE(0, L().last_set_session(handle, 70, &restrict_v));
+    EXPECT_NE(0, L().last_set_session(handle, 71, &depth));
+    EXPECT_EQ(1, restrict_v);
+    EXPECT_EQ(3 * 864000000000LL, depth);
+  }
+};
+
+TEST_F(DepthTest, ASessionEndedByTheArchiveIsReopenedAtTheNextFrameWithoutACloseAndKeepsTheDepth) {
   Send(true);
   Drain();
   EXPECT_EQ(1, Stats().sessions_opened);
+  ExpectSessionDepth();
   L().fault(ARCHIVE_FAULT_END_SESSION, -1, 1);
   L().fault(ARCHIVE_FAULT_CLEAR_ALL, 0, 0);
   Calls();
@@ -135,6 +153,7 @@ TEST_F(ChannelTest, ASessionEndedByTheArchiveIsReopenedAtTheNextFrameWithoutAClo
   EXPECT_EQ(0, closes);
   EXPECT_EQ(2, Stats().sessions_opened);
   EXPECT_EQ(2, Stats().frames_written);
+  ExpectSessionDepth();
 }
 
 TEST_F(ChannelTest, AFailedOpenPausesFiveSecondsInWhichFramesAreLost) {

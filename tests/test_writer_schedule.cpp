@@ -51,6 +51,9 @@ class ScheduleTest : public ChannelTest {
     profile_close(m_h_status);
     ChannelTest::TearDown();
     EXPECT_TRUE(g_p_task_manager->m_tasks.empty());  // the channel gave its task back
+    // and its calendar and request tracks: only the test's own holders stay.
+    EXPECT_EQ(1, core_bus_holder_count("track_schedule_out"));
+    EXPECT_EQ(1, core_bus_holder_count("track_schedule_in"));
     delete g_p_task_manager;
     g_p_task_manager = nullptr;
     profile_close(m_h_in);

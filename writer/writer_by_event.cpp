@@ -23,9 +23,7 @@
 #include "linux/common_use/service/entry_scope.h"
 
 namespace {
-const int32_t I_SIGN_EVENT_ELEM = 4101;
 const int32_t I_SIGN_EVENT_GUID = 4102;
-const int32_t I_SIGN_EVENT_LIST = 4103;
 const int32_t I_SIGN_EVENT_JSON = 4104;
 const int32_t I_SIGN_EVENT_KEY = 4105;
 const int32_t I_SIGN_PREV_WRITE = 4106;

@@ -72,7 +72,12 @@ struct TEventMsg {
   int32_t b_dur_pres;
 };
 
-// A new element for the pair; 60030 is marked forced. Null without memory.
+// Checked-memory signatures of an element and of its guid list.
+const int32_t I_SIGN_EVENT_ELEM = 4101;
+const int32_t I_SIGN_EVENT_LIST = 4103;
+
+// A new element for the pair; 60030 is marked forced. Null without memory,
+// and then nothing of it stays allocated.
 TEventElem* EventElemCreate(int32_t i_event_av, int32_t i_stop_event_av);
 void EventElemDestroy(TEventElem* p_elem_av);
 // Frees every guid of the element and empties its guid list.

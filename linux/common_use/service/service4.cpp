@@ -10,6 +10,7 @@
 // entry update would register its own text over a half-updated counter.
 #include "linux/common_use/service/service4.h"
 
+#include <atomic>
 #include <cstring>
 #include <new>
 
@@ -315,11 +316,34 @@ MemChecker::~MemChecker() {
 // ---------------------------------------------------------------------------
 // Allocation, reallocation, release.
 
+namespace {
+
+std::atomic<int32_t> g_i_fail_sign{0};
+std::atomic<int32_t> g_i_fail_count{0};
+
+// One failure of the switch spent, when it is set for this signature.
+bool FailThisAllocation(int32_t i_signat_av) {
+  if (g_i_fail_count.load(std::memory_order_acquire) <= 0 ||
+      g_i_fail_sign.load(std::memory_order_relaxed) != i_signat_av)
+    return false;
+  return g_i_fail_count.fetch_sub(1, std::memory_order_acq_rel) > 0;
+}
+
+}  // namespace
+
+void SafeMemFailNext(int32_t i_signat_av, int32_t i_count_av) {
+  g_i_fail_count.store(0, std::memory_order_release);
+  g_i_fail_sign.store(i_signat_av, std::memory_order_relaxed);
+  g_i_fail_count.store(i_count_av, std::memory_order_release);
+}
+
 void SafeMemAllocB5(void** pp_out_av, int32_t i_size_av, int32_t i_signat_av) {
   *pp_out_av = nullptr;
   if (i_size_av < 1) return;
   size_t ui_total_lv = static_cast<size_t>(i_size_av) + MEM_EXTRA_SIZE;
-  unsigned char* pb_block_lv = static_cast<unsigned char*>(PlAlignedAlloc(ui_total_lv, UI_MEM_ALIGN));
+  unsigned char* pb_block_lv = FailThisAllocation(i_signat_av)
+                                   ? nullptr
+                                   : static_cast<unsigned char*>(PlAlignedAlloc(ui_total_lv, UI_MEM_ALIGN));
   if (pb_block_lv == nullptr) {
     static const char s_line_lv[] = "archive throw exception div 0 in SAFE_MEM_ALLOCB5 ";
     PlStdoutWrite(s_line_lv, sizeof(s_line_lv) - 1);

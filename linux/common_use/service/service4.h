@@ -56,6 +56,10 @@ class MemChecker {
 extern MemChecker* g_p_mem_checker;
 
 void SafeMemAllocB5(void** pp_out_av, int32_t i_size_av, int32_t i_signat_av);
+// Makes the next i_count_av allocations of signature i_signat_av fail as an
+// exhausted heap would (0 ends it early), so that a caller's path for a
+// failed allocation can be run and shown to give back what it took.
+void SafeMemFailNext(int32_t i_signat_av, int32_t i_count_av);
 void SafeMemReallocB4(void** pp_var_av, int32_t i_size_av, int32_t i_signat_av);
 void SafeMemFree(void** pp_var_av);
 // The checking half of a release, shared by SafeMemFree and SafeStringAssign:
