@@ -44,6 +44,8 @@ struct SrvSourceCounts {
   std::atomic<int32_t> m_i_gets{0};            // "get" requests seen
   std::atomic<bool> m_b_done{false};
   std::atomic<int64_t> m_i64_max_late_us{0};   // real-time pacing: the latest a frame went out
+  std::atomic<int64_t> m_i64_reconnects{0};    // a network source joined its stream again
+  std::atomic<int64_t> m_i64_drops{0};         // frames a network source lost
 };
 
 struct SrvSource {
