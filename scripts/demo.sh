@@ -2,7 +2,9 @@
 # The demonstration: installs what is missing, builds everything, records
 # the embedded default camera (synthetic video at 25 fps and 20 ms PCMA
 # audio) with writer-host for about ten seconds into a fresh folder, then
-# lists what the archive holds and checks it.
+# lists what the archive holds and checks it. The web front listens on a
+# free loopback port while it records (WRITER_HTTP=ADDR:PORT picks one); its
+# address is printed.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh"
@@ -37,9 +39,10 @@ EOF2
   fi
 fi
 echo
-echo "== recording for 10 s into $run"
+echo "== recording for 10 s into $run, with the web front (dashboard, API, /metrics) on 127.0.0.1"
 set +e
-"$bin/writer-host" --archive "$run/archive" --log "$run/log" --state "$run" --duration 10 "${cameras[@]}"
+"$bin/writer-host" --archive "$run/archive" --log "$run/log" --state "$run" --duration 10 "${cameras[@]}" \
+  --http "${WRITER_HTTP:-127.0.0.1:0}"
 status=$?
 set -e
 echo

@@ -296,6 +296,8 @@ TEST_F(ArchiveTest, RecordsWhatThePluginTellsIt) {
 
 TEST_F(ArchiveTest, RefusedAndFailedWritesLoseTheFrameAndCount) {
   Keys keys_lv("cam1");
+  ArchiveWriteLatency before_lv{};
+  ASSERT_EQ(0, L.get_write_latency(&before_lv));
   int32_t i_handle_lv = Open(keys_lv, 1);
   std::vector<uint8_t> block_lv = MakeBlock(true, 0x1000, 0, "x");
   auto write_lv = [&] { return L.WriteDataForTime(i_handle_lv, block_lv.data(), static_cast<int32_t>(block_lv.size()), 35, 0); };
@@ -326,6 +328,23 @@ TEST_F(ArchiveTest, RefusedAndFailedWritesLoseTheFrameAndCount) {
   EXPECT_EQ(2, stats_lv.writes_refused);
   EXPECT_EQ(3, stats_lv.writes_failed);
   EXPECT_EQ(7u, ReadBack(Stream(keys_lv)).size());
+  // Per stream only what was stored; every call, refused or not, is timed.
+  ArchiveStreamStats stream_lv{};
+  ASSERT_EQ(0, L.get_stream_stats(0, &stream_lv));
+  EXPECT_EQ(-1, L.get_stream_stats(1, &stream_lv));
+  ASSERT_EQ(0, L.get_stream_stats(0, &stream_lv));
+  EXPECT_EQ(Stream(keys_lv).m_s_camera.substr(Stream(keys_lv).m_s_camera.rfind('/') + 1), stream_lv.camera_folder);
+  EXPECT_EQ(1, stream_lv.kind);
+  EXPECT_EQ(7, stream_lv.frames_written);
+  EXPECT_EQ(7 * static_cast<int64_t>(block_lv.size()), stream_lv.bytes_written);
+  ArchiveWriteLatency after_lv{};
+  ASSERT_EQ(0, L.get_write_latency(&after_lv));
+  EXPECT_EQ(12, after_lv.count - before_lv.count);
+  EXPECT_EQ(after_lv.count, after_lv.count_le[ARCHIVE_LATENCY_BUCKETS - 1]);
+  for (int i_lv = 1; i_lv < ARCHIVE_LATENCY_BUCKETS; i_lv++) {
+    EXPECT_LE(after_lv.count_le[i_lv - 1], after_lv.count_le[i_lv]);
+    EXPECT_LT(after_lv.bound_us[i_lv - 1], after_lv.bound_us[i_lv]);
+  }
   L.CloseHandleWrite(i_handle_lv);
   ASSERT_EQ(0, L.get_session_stats(i_handle_lv, &session_lv));  // still readable after the close
   EXPECT_EQ(0, session_lv.open);

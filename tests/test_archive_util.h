@@ -37,6 +37,8 @@ struct ArchiveLib {
   decltype(&archive_fault) fault = nullptr;
   decltype(&archive_get_stats) get_stats = nullptr;
   decltype(&archive_get_session_stats) get_session_stats = nullptr;
+  decltype(&archive_get_stream_stats) get_stream_stats = nullptr;
+  decltype(&archive_get_write_latency) get_write_latency = nullptr;
   decltype(&archive_last_set) last_set = nullptr;
   decltype(&archive_last_set_session) last_set_session = nullptr;
   decltype(&archive_call_log) call_log = nullptr;
@@ -66,6 +68,8 @@ struct ArchiveLib {
     Sym(&fault, "archive_fault");
     Sym(&get_stats, "archive_get_stats");
     Sym(&get_session_stats, "archive_get_session_stats");
+    Sym(&get_stream_stats, "archive_get_stream_stats");
+    Sym(&get_write_latency, "archive_get_write_latency");
     Sym(&last_set, "archive_last_set");
     Sym(&last_set_session, "archive_last_set_session");
     Sym(&call_log, "archive_call_log");

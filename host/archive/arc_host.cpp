@@ -3,6 +3,7 @@
 // Called by the reference host program and by the tests.
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 #include "host/archive/arc_session.h"
 #include "platform/pl_clock.h"
@@ -216,4 +217,51 @@ ARC_EXPORT int32_t archive_call_log(ArchiveCall* out, int32_t max, int64_t after
   for (int64_t i64_seq_lv = i64_first_lv; i64_seq_lv <= g_lv.m_i64_call_seq && i_count_lv < max; i64_seq_lv++)
     out[i_count_lv++] = g_lv.m_calls[static_cast<size_t>((i64_seq_lv - 1) % ARCHIVE_CALL_LOG_SIZE)];
   return i_count_lv;
+}
+
+namespace warc {
+
+const int64_t ARC_LATENCY_BOUNDS_US[ARCHIVE_LATENCY_BUCKETS] = {50,     100,     250,     500,     1000,    2500,
+                                                                5000,   10000,   50000,   250000,  1000000, INT64_MAX};
+
+void AddWriteLatency(int64_t i64_us_av) {
+  ArcGlobal& g_lv = Global();
+  int i_lv = 0;
+  while (i_lv < ARCHIVE_LATENCY_BUCKETS - 1 && i64_us_av > ARC_LATENCY_BOUNDS_US[i_lv]) i_lv++;
+  g_lv.m_latency[i_lv].fetch_add(1, std::memory_order_relaxed);
+  g_lv.m_i64_latency_sum_us.fetch_add(i64_us_av, std::memory_order_relaxed);
+}
+
+}  // namespace warc
+
+ARC_EXPORT int32_t archive_get_stream_stats(int32_t index, ArchiveStreamStats* out) {
+  if (out == nullptr || index < 0) return -1;
+  ArcGlobal& g_lv = Global();
+  std::lock_guard<std::mutex> lock_lv(g_lv.m_mutex);
+  if (static_cast<size_t>(index) >= g_lv.m_streams.size()) return -1;
+  auto it_lv = std::next(g_lv.m_streams.begin(), index);
+  const ArcStream& stream_lv = *it_lv->second;
+  // The stream's folder is ".../<camera folder>/<kind>".
+  std::string s_dir_lv = stream_lv.m_s_dir.substr(0, stream_lv.m_s_dir.rfind('/'));
+  std::string s_camera_lv = s_dir_lv.substr(s_dir_lv.rfind('/') + 1);
+  memset(out, 0, sizeof(*out));
+  snprintf(out->camera_folder, sizeof(out->camera_folder), "%s", s_camera_lv.c_str());
+  out->kind = static_cast<int32_t>(stream_lv.m_ui_kind);
+  out->frames_written = stream_lv.m_i64_frames;
+  out->bytes_written = stream_lv.m_i64_bytes;
+  return 0;
+}
+
+ARC_EXPORT int32_t archive_get_write_latency(ArchiveWriteLatency* out) {
+  if (out == nullptr) return ARCHIVE_E_BAD_ARG;
+  ArcGlobal& g_lv = Global();
+  int64_t i64_total_lv = 0;
+  for (int i_lv = 0; i_lv < ARCHIVE_LATENCY_BUCKETS; i_lv++) {
+    i64_total_lv += g_lv.m_latency[i_lv].load(std::memory_order_relaxed);
+    out->bound_us[i_lv] = ARC_LATENCY_BOUNDS_US[i_lv];
+    out->count_le[i_lv] = i64_total_lv;
+  }
+  out->count = i64_total_lv;
+  out->sum_us = g_lv.m_i64_latency_sum_us.load(std::memory_order_relaxed);
+  return 0;
 }

@@ -275,7 +275,9 @@ ARC_EXPORT int32_t dll_free2(int32_t) {
   return 0;
 }
 
-ARC_EXPORT int32_t WriteDataForTime(int32_t handle, const void* data, int32_t size, int32_t type, int64_t time) {
+namespace {
+
+int32_t WriteFrame(int32_t handle, const void* data, int32_t size, int32_t type, int64_t time) {
   std::shared_ptr<ArcSession> p_session_lv = FindSession(handle);
   if (!p_session_lv || p_session_lv->m_b_open == 0) return Refuse(p_session_lv.get(), ARCHIVE_E_BAD_HANDLE);
   if (p_session_lv->m_b_alive == 0) return Refuse(p_session_lv.get(), ARCHIVE_E_ENDED);
@@ -293,7 +295,11 @@ ARC_EXPORT int32_t WriteDataForTime(int32_t handle, const void* data, int32_t si
     std::lock_guard<std::mutex> lock_lv(p_stream_lv->m_mutex);
     i_result_lv = StreamAppend(p_stream_lv.get(), *p_session_lv->m_p_config, time, static_cast<uint8_t>(type), data,
                                static_cast<uint32_t>(size), &counts_lv);
-    if (i_result_lv == 0) CheckDepth(p_session_lv.get(), p_stream_lv.get(), counts_lv.m_i64_segments_created > 0);
+    if (i_result_lv == 0) {
+      p_stream_lv->m_i64_frames++;
+      p_stream_lv->m_i64_bytes += size;
+      CheckDepth(p_session_lv.get(), p_stream_lv.get(), counts_lv.m_i64_segments_created > 0);
+    }
   }
   AddCounts(counts_lv);
   if (i_result_lv != 0) {
@@ -309,6 +315,17 @@ ARC_EXPORT int32_t WriteDataForTime(int32_t handle, const void* data, int32_t si
   Global().m_i64_frames++;
   Global().m_i64_bytes += size;
   return 0;
+}
+
+}  // namespace
+
+// Every call is timed, refused ones too: a slow refusal holds up the
+// writer's thread as much as a slow write.
+ARC_EXPORT int32_t WriteDataForTime(int32_t handle, const void* data, int32_t size, int32_t type, int64_t time) {
+  int64_t i64_start_lv = PlPerfCounter();
+  int32_t i_result_lv = WriteFrame(handle, data, size, type, time);
+  AddWriteLatency((PlPerfCounter() - i64_start_lv) * 1000000 / PlPerfFrequency());
+  return i_result_lv;
 }
 
 ARC_EXPORT int32_t GetHandleForWrite(int32_t* out_handle, int64_t id1, int64_t id2, int64_t id3,

@@ -73,7 +73,15 @@ struct ArcGlobal {
   std::atomic<int64_t> m_i64_sessions_opened{0}, m_i64_sessions_closed{0}, m_i64_opens_refused{0};
   std::atomic<int64_t> m_i64_frames{0}, m_i64_bytes{0}, m_i64_refused{0}, m_i64_failed{0};
   std::atomic<int64_t> m_i64_segments_created{0}, m_i64_segments_deleted{0};
+  // Time of each WriteDataForTime call, by ARCHIVE_LATENCY_BUCKETS bounds
+  // (not cumulative here), with their sum.
+  std::atomic<int64_t> m_latency[ARCHIVE_LATENCY_BUCKETS] = {};
+  std::atomic<int64_t> m_i64_latency_sum_us{0};
 };
+
+extern const int64_t ARC_LATENCY_BOUNDS_US[ARCHIVE_LATENCY_BUCKETS];
+// Counts one write call that took the given microseconds.
+void AddWriteLatency(int64_t i64_us_av);
 
 ArcGlobal& Global();
 

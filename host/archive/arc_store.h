@@ -4,6 +4,7 @@
 // another's.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -35,6 +36,8 @@ struct ArcStream {
   uint32_t m_ui_index_batched = 0;
   int64_t m_i64_next_depth_check = 0;
   int m_i_users = 0;  // sessions holding the stream; guarded by the owner's table lock
+  // What was stored through the stream, for the host's statistics.
+  std::atomic<int64_t> m_i64_frames{0}, m_i64_bytes{0};
 };
 
 // Counters the store reports back to the caller's statistics.

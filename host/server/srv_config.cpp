@@ -40,6 +40,11 @@ const char* const SRV_USAGE =
     "  --drain SECONDS      at the end, wait at most this long for buffered frames\n"
     "                       to be stored (default 15)\n"
     "  --quiet              no progress lines\n"
+    "  --http ADDR:PORT     serve the web front (API, /metrics, dashboard) there;\n"
+    "                       loopback only unless a token is given; port 0 takes\n"
+    "                       any free port (the line \"web front at\" tells which)\n"
+    "  --http-token TOKEN   write routes (recording, events, work modes, log\n"
+    "                       subscriptions) want \"Authorization: Bearer TOKEN\"\n"
     "  --help               this text\n"
     "\n"
     "Exit status: 0 when every camera that should record stored frames, 1 when\n"
@@ -122,7 +127,8 @@ std::string DirOf(const std::string& s_path_av) {
 bool SrvParseArgs(int argc, char** argv, SrvSettings* p_out_av, std::string* p_error_av) {
   static const char* const VALUED[] = {"--cameras", "--archive", "--log", "--state", "--lib-dir",
                                        "--duration", "--pacing", "--in-flight", "--write-delay",
-                                       "--archive-config", "--drain", "--frames"};
+                                       "--archive-config", "--drain", "--frames", "--http", "--http-token"};
+  std::string s_http_lv;
   for (int i_lv = 1; i_lv < argc; i_lv++) {
     std::string s_opt_lv = argv[i_lv];
     if (s_opt_lv == "--help" || s_opt_lv == "-h") p_out_av->m_b_help = true;
@@ -133,14 +139,49 @@ bool SrvParseArgs(int argc, char** argv, SrvSettings* p_out_av, std::string* p_e
       for (const char* s_lv : VALUED) b_valued_lv = b_valued_lv || s_opt_lv == s_lv;
       if (!b_valued_lv) return *p_error_av = "unknown option " + s_opt_lv, false;
       if (i_lv + 1 >= argc) return *p_error_av = s_opt_lv + " needs a value", false;
+      if (s_opt_lv == "--http") {
+        s_http_lv = argv[++i_lv];
+        p_out_av->m_b_http = true;
+        continue;
+      }
+      if (s_opt_lv == "--http-token") {
+        p_out_av->m_s_http_token = argv[++i_lv];
+        continue;
+      }
       if (!TakeValued(s_opt_lv, argv[++i_lv], p_out_av, p_error_av)) return false;
     }
   }
+  if (p_out_av->m_b_http && !SrvParseHttpAddress(s_http_lv, p_out_av->m_s_http_token, p_out_av, p_error_av))
+    return false;
   const std::string& s_base_lv = p_out_av->m_s_exe_dir;
   if (p_out_av->m_s_lib_dir.empty()) p_out_av->m_s_lib_dir = s_base_lv;
   if (p_out_av->m_s_archive_root.empty()) p_out_av->m_s_archive_root = s_base_lv + "/archive_data";
   if (p_out_av->m_s_log_dir.empty()) p_out_av->m_s_log_dir = s_base_lv + "/log";
   if (p_out_av->m_s_state_dir.empty()) p_out_av->m_s_state_dir = s_base_lv;
+  return true;
+}
+
+bool SrvIsLoopback(const std::string& s_host_av) {
+  return s_host_av == "localhost" || s_host_av == "::1" || s_host_av.compare(0, 4, "127.") == 0;
+}
+
+bool SrvParseHttpAddress(const std::string& s_text_av, const std::string& s_token_av, SrvSettings* p_out_av,
+                         std::string* p_error_av) {
+  size_t ui_colon_lv = s_text_av.rfind(':');
+  std::string s_host_lv = ui_colon_lv == std::string::npos ? "" : s_text_av.substr(0, ui_colon_lv);
+  std::string s_port_lv = ui_colon_lv == std::string::npos ? s_text_av : s_text_av.substr(ui_colon_lv + 1);
+  if (s_host_lv.size() >= 2 && s_host_lv.front() == '[' && s_host_lv.back() == ']')
+    s_host_lv = s_host_lv.substr(1, s_host_lv.size() - 2);
+  double d_port_lv = 0;
+  if (!ParseNumber(s_port_lv.c_str(), &d_port_lv) || d_port_lv > 65535 || d_port_lv != static_cast<int>(d_port_lv))
+    return *p_error_av = "--http: bad port in '" + s_text_av + "'", false;
+  if (s_host_lv.empty()) s_host_lv = "127.0.0.1";
+  // Recording and event routes act on the cameras: whoever can reach a
+  // listener on another address could drive them without a token.
+  if (!SrvIsLoopback(s_host_lv) && s_token_av.empty())
+    return *p_error_av = "--http: " + s_host_lv + " is not a loopback address; give --http-token as well", false;
+  p_out_av->m_s_http_host = s_host_lv;
+  p_out_av->m_i_http_port = static_cast<int>(d_port_lv);
   return true;
 }
 

@@ -74,6 +74,11 @@ struct SrvSettings {
   bool m_b_quiet = false;
   bool m_b_help = false;
   std::string m_s_archive_extra;  // JSON object from the command line
+  // The web front: off unless --http is given.
+  bool m_b_http = false;
+  std::string m_s_http_host = "127.0.0.1";
+  int m_i_http_port = 8080;       // 0: any free port
+  std::string m_s_http_token;     // write routes want it when set
 
   // From the cameras file (or the default).
   std::vector<SrvCamera> m_cameras;
@@ -87,6 +92,11 @@ extern const char* const SRV_USAGE;
 
 // Reads the command line. False with a message for people on bad options.
 bool SrvParseArgs(int argc, char** argv, SrvSettings* p_out_av, std::string* p_error_av);
+// "ADDR:PORT", ":PORT" or "PORT" of --http; false with a message. Only a
+// loopback address may leave the write routes without a token.
+bool SrvParseHttpAddress(const std::string& s_text_av, const std::string& s_token_av, SrvSettings* p_out_av,
+                         std::string* p_error_av);
+bool SrvIsLoopback(const std::string& s_host_av);
 // Reads the cameras file (or takes the default). False with a message.
 bool SrvLoadCameras(SrvSettings* p_settings_av, std::string* p_error_av);
 // Reads a cameras document from text; the name only goes into messages.

@@ -16,6 +16,7 @@
 
 #include "host/server/srv_config.h"
 #include "host/server/srv_crash.h"
+#include "host/server/srv_http.h"
 #include "host/server/srv_plugin.h"
 #include "host/server/srv_progress.h"
 #include "host/server/srv_source.h"
@@ -56,7 +57,34 @@ struct Run {
   std::vector<void*> m_pairs;
   SrvMonitor m_monitor;
   SrvWebFront m_web;
+  SrvRunView m_view;
+  SrvHttp* m_p_http = nullptr;
 };
+
+// The web front, when asked for: it reads the run's parts and calls the
+// plug-in, so it starts once they stand and stops before they go.
+bool StartHttp(Run* p_av, std::string* p_error_av) {
+  const SrvSettings& set_lv = *p_av->m_p_settings;
+  if (!set_lv.m_b_http) return true;
+  p_av->m_view.m_p_settings = p_av->m_p_settings;
+  p_av->m_view.m_p_plugin = &p_av->m_plugin;
+  p_av->m_view.m_p_web = &p_av->m_web;
+  p_av->m_view.m_p_tracks = &p_av->m_tracks;
+  p_av->m_view.m_p_monitor = &p_av->m_monitor;
+  for (const auto& p_src_lv : p_av->m_sources) p_av->m_view.m_sources.push_back(p_src_lv.get());
+  std::string s_bound_lv;
+  p_av->m_p_http = SrvHttpStart(p_av->m_view, set_lv.m_s_http_host, set_lv.m_i_http_port, set_lv.m_s_http_token,
+                                &s_bound_lv, p_error_av);
+  if (p_av->m_p_http == nullptr) return false;
+  printf("writer-host: web front at http://%s/ (write routes %s)\n", s_bound_lv.c_str(),
+         set_lv.m_s_http_token.empty() ? "open to this machine" : "want the token");
+  return true;
+}
+
+void StopHttp(Run* p_av) {
+  SrvHttpStop(p_av->m_p_http);
+  p_av->m_p_http = nullptr;
+}
 
 bool OpenSources(Run* p_av, std::string* p_error_av) {
   const std::vector<SrvCamera>& cams_lv = p_av->m_p_settings->m_cameras;
@@ -134,6 +162,11 @@ int Record(Run* p_av) {
   p_av->m_monitor.m_p_flow = &p_av->m_flow;
   for (const auto& p_src_lv : p_av->m_sources) p_av->m_monitor.m_sources.push_back(p_src_lv.get());
   SrvMonitorStart(&p_av->m_monitor);
+  if (!StartHttp(p_av, &s_error_lv)) {
+    fprintf(stderr, "writer-host: %s\n", s_error_lv.c_str());
+    SrvMonitorStop(&p_av->m_monitor);
+    return EXIT_BAD_CONFIG;
+  }
   int64_t i64_start_lv = PlPerfCounter();
   SrvHostTracksGo(&p_av->m_tracks);
   for (const auto& p_src_lv : p_av->m_sources) SrvSourceGo(p_src_lv.get());
@@ -144,6 +177,7 @@ int Record(Run* p_av) {
   Drain(p_av);
   SrvPrintWholeRun(&p_av->m_monitor, SecondsSince(i64_start_lv));
   SrvHostTracksStopScript(&p_av->m_tracks);
+  StopHttp(p_av);
   SrvMonitorStop(&p_av->m_monitor);
   for (void* p_pair_lv : p_av->m_pairs)
     if (p_pair_lv != nullptr) SrvPluginCloseCamera(&p_av->m_plugin, p_pair_lv);
@@ -169,6 +203,7 @@ int RunServer(SrvSettings* p_settings_av) {
   SrvHostTracksOpen(&run_lv.m_tracks, p_settings_av);
   int i_rc_lv = Record(&run_lv);
   // Whatever Record reached, the order down is the same.
+  StopHttp(&run_lv);
   for (const auto& p_src_lv : run_lv.m_sources) SrvSourceClose(p_src_lv.get());
   for (void* p_pair_lv : run_lv.m_pairs)
     if (p_pair_lv != nullptr) SrvPluginCloseCamera(&run_lv.m_plugin, p_pair_lv);

@@ -43,6 +43,8 @@ bool LoadArchive(SrvPlugin* p_av, const SrvSettings& settings_av, std::string* p
       !Sym(p_av->m_h_archive, "archive_last_error", &p_av->m_p_archive_last_error, p_error_av) ||
       !Sym(p_av->m_h_archive, "archive_fault", &p_av->m_p_archive_fault, p_error_av) ||
       !Sym(p_av->m_h_archive, "archive_get_stats", &p_av->m_p_archive_stats, p_error_av) ||
+      !Sym(p_av->m_h_archive, "archive_get_stream_stats", &p_av->m_p_archive_stream_stats, p_error_av) ||
+      !Sym(p_av->m_h_archive, "archive_get_write_latency", &p_av->m_p_archive_latency, p_error_av) ||
       !SrvArchiveConfig(settings_av, &s_json_lv, p_error_av))
     return false;
   if (p_av->m_p_archive_configure(s_json_lv.c_str()) != 0)

@@ -24,6 +24,8 @@ struct SrvPlugin {
   decltype(&archive_last_error) m_p_archive_last_error = nullptr;
   decltype(&archive_fault) m_p_archive_fault = nullptr;
   decltype(&archive_get_stats) m_p_archive_stats = nullptr;
+  decltype(&archive_get_stream_stats) m_p_archive_stream_stats = nullptr;
+  decltype(&archive_get_write_latency) m_p_archive_latency = nullptr;
   // The plug-in.
   int32_t (*m_p_dll_init)() = nullptr;
   int32_t (*m_p_dll_free)() = nullptr;

@@ -120,6 +120,28 @@ int32_t archive_get_stats(ArchiveStats* out);
 /* 0 and the figures of a session, open or recently closed; -1 if unknown. */
 int32_t archive_get_session_stats(int32_t handle, ArchiveSessionStats* out);
 
+/* Frames stored per stream (a camera folder's video or audio) since the
+ * library started. index counts from 0; 0 and the figures, or -1 past the
+ * last stream. */
+typedef struct ArchiveStreamStats {
+  char camera_folder[256]; /* last part of the camera's folder, cut to fit */
+  int32_t kind;            /* 1 video, 2 audio */
+  int64_t frames_written;
+  int64_t bytes_written;
+} ArchiveStreamStats;
+int32_t archive_get_stream_stats(int32_t index, ArchiveStreamStats* out);
+
+/* How long WriteDataForTime took, as counts of calls at or below each bound
+ * (microseconds; the last bound is INT64_MAX), their number and their sum. */
+#define ARCHIVE_LATENCY_BUCKETS 12
+typedef struct ArchiveWriteLatency {
+  int64_t bound_us[ARCHIVE_LATENCY_BUCKETS];
+  int64_t count_le[ARCHIVE_LATENCY_BUCKETS]; /* cumulative */
+  int64_t count;
+  int64_t sum_us;
+} ArchiveWriteLatency;
+int32_t archive_get_write_latency(ArchiveWriteLatency* out);
+
 /* ---- Host-only: what the plug-in told the archive ----
  * Last value given by SetParamsByType(code, id, value): 1 and *out, or 0. */
 int32_t archive_last_set(int32_t code, int64_t id, int64_t* out);
