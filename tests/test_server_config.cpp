@@ -93,7 +93,7 @@ TEST(ServerConfig, BadCameraFilesAreRefusedWithAMessageNamingTheFault) {
       {"{\"cameras\":[" + Camera("a", R"("source":{"type":"stream","url":"rtsp://x","transport":"pigeon"},)") + "]}",
        "wrong type"},
       {"{\"cameras\":[" + Camera("a", R"("source":{"type":"stream","url":"rtsp://x","read_timeout_ms":0},)") + "]}",
-       "time-outs are positive"},
+       "\"read_timeout_ms\" is out of range"},
       {"{\"cameras\":[" + Camera("a", R"("source":{"fps":"fast"},)") + "]}", "wrong type"},
       {"{\"cameras\":[" + Camera("a") + "," + Camera("a") + "]}", "again"},
       {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"at":1,"camera":"b","event":5,"action":"start"}]})",

@@ -266,8 +266,6 @@ bool ReadSource(yajl_val p_src_av, const std::string& s_where_av, const std::str
     if (p_out_av->m_s_url.empty()) return *p_error_av = s_where_av + ": a stream source needs \"url\"", false;
     if (p_out_av->m_s_url.find("://") == std::string::npos && p_out_av->m_s_url[0] != '/')
       p_out_av->m_s_url = s_base_dir_av + "/" + p_out_av->m_s_url;
-    if (p_out_av->m_i_connect_timeout_ms <= 0 || p_out_av->m_i_read_timeout_ms <= 0 || p_out_av->m_i_retry_max_ms <= 0)
-      return *p_error_av = s_where_av + ": the stream's time-outs are positive milliseconds", false;
   } else if (p_out_av->m_s_type != "synthetic") {
     return *p_error_av = s_where_av + ": unknown source type '" + p_out_av->m_s_type + "'", false;
   }
