@@ -251,7 +251,10 @@ int64_t KeyAtOrBefore(const StreamRef& video_av, int64_t i64_from_av) {
   for (uint32_t ui_seq_lv : video_av.m_segs) {
     std::vector<IndexEntry> entries_lv;
     uint64_t ui64_size_lv = 0;
-    if (!ReadIndex(video_av.m_s_dir + "/" + IndexFileName(ui_seq_lv), &entries_lv, &ui64_size_lv)) continue;
+    SegHead head_lv;
+    if (!ReadSegHead(video_av.m_s_dir + "/" + SegmentFileName(ui_seq_lv), &head_lv) ||
+        !ReadIndex(video_av.m_s_dir + "/" + IndexFileName(ui_seq_lv), head_lv.m_ui_version, &entries_lv, &ui64_size_lv))
+      continue;
     for (const IndexEntry& entry_lv : entries_lv)
       if ((entry_lv.m_ui_type & TYPE_KEY) && entry_lv.m_i64_time <= i64_from_av &&
           (!b_found_lv || entry_lv.m_i64_time > i64_key_lv)) {
