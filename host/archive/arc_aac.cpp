@@ -3,6 +3,7 @@
 #include "host/archive/arc_aac.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 extern "C" {
@@ -92,6 +93,8 @@ bool ArcAacEncoder::CopyParameters(AVCodecParameters* p_par_av) const {
 bool ArcAacEncoder::Put(const uint8_t* pb_data_av, size_t ui_size_av, int64_t i64_pos_av, const PacketFn& fn_av,
                         std::string* p_error_av) {
   if (ui_size_av == 0) return true;  // an empty frame has no samples to place
+  if (ui_size_av > static_cast<size_t>(INT_MAX - AV_INPUT_BUFFER_PADDING_SIZE))
+    return *p_error_av = "an audio frame too large to decode", false;
   if (!Decode(pb_data_av, ui_size_av, p_error_av)) return false;
   int i_rc_lv = swr_convert_frame(m_p_swr, m_p_converted, m_p_decoded);
   if (i_rc_lv < 0) return Fail(p_error_av, "cannot convert audio samples", i_rc_lv);
