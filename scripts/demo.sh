@@ -55,7 +55,7 @@ if [ ${#cameras[@]} -gt 0 ]; then
   echo
   echo "== export and play what the RTSP camera recorded"
   "$bin/writer-archive" export --root "$run/archive" --camera demo_rtsp_main --format mkv --out "$run/rtsp.mkv" || true
-  echo "  MP4 (video; A-law audio stays in MKV):"
+  echo "  MP4 (video, and the A-law audio as AAC):"
   echo "    $bin/writer-archive export --root $run/archive --camera demo_rtsp_main --format mp4 --out $run/rtsp.mp4"
   echo "  play: ffplay $run/rtsp.mkv    (or any player)"
 fi

@@ -9,6 +9,8 @@ pkgs=(
   libfuzzer-14-dev libclang-rt-14-dev
   # streams and containers, and their test peers: ffprobe/ffmpeg, GStreamer's RTSP server
   libavformat-dev libavcodec-dev libavutil-dev ffmpeg
+  # G.711 audio re-encoded as AAC in the MP4 export
+  libswresample-dev
   python3-gi gir1.2-gst-rtsp-server-1.0 gstreamer1.0-tools gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
   # the web front, its metrics check (promtool) and the browser test

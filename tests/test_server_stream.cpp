@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -258,11 +259,18 @@ TEST_F(StreamTest, LiveCameraRecordsReconnectsAndExportsToMp4) {
   ASSERT_EQ(0, rc);
   EXPECT_EQ("codec_name=h264\nnb_read_frames=" + std::to_string(video.size()) + "\n",
             Probe(mp4, "-select_streams v -show_entries stream=codec_name,nb_read_frames"));
-  double duration = atof(Probe(mp4, "-show_entries format=duration").c_str() + 9);
+  double duration = atof(Probe(mp4, "-select_streams v -show_entries stream=duration").c_str() + 9);
   double recorded = static_cast<double>(video.back() - video.front()) / 1e7;
   EXPECT_NEAR(recorded + 0.04, duration, 0.05);
+  // The A-law audio is in it as AAC, across the drop, as long as what was
+  // recorded from the file's start, within one AAC frame.
+  EXPECT_EQ("codec_name=aac\n", Probe(mp4, "-select_streams a -show_entries stream=codec_name"));
+  int64_t audio_from = *std::lower_bound(audio.begin(), audio.end(), video.front());
+  double audio_recorded = static_cast<double>(2 * audio.back() - audio[audio.size() - 2] - audio_from) / 1e7;
+  double audio_duration = atof(Probe(mp4, "-select_streams a -show_entries stream=duration").c_str() + 9);
+  EXPECT_NEAR(audio_recorded, audio_duration, 1024.0 / 8000);
   EXPECT_EQ("", Shell("ffmpeg -v error -nostdin -i " + mp4 + " -f null - 2>&1"));
-  // Matroska keeps the A-law audio that MP4 cannot hold; the camera's own
+  // Matroska keeps the A-law audio as recorded; the camera's own
   // folder name is enough.
   std::string mkv = m_dir + "/out.mkv";
   Shell(WRITER_BIN_DIR "/writer-archive export --root " + m_dir + "/arc --camera A_live_C --format mkv --out " + mkv +
@@ -278,7 +286,7 @@ TEST_F(StreamTest, LiveCameraRecordsReconnectsAndExportsToMp4) {
 }
 
 // A file whose timestamps wrap and then fall back: what the plug-in gets
-// keeps rising at the clip's own pace; the MKV export keeps the A-law audio.
+// keeps rising at the clip's own pace; the MKV export keeps the AAC audio.
 TEST_F(StreamTest, WrappingAndFallingTimestampsStillRiseAndMkvKeepsTheAudio) {
   std::string make = "-f lavfi -i testsrc2=size=160x120:rate=25 -f lavfi -i sine=sample_rate=8000 -t 3 "
                      "-c:v libx264 -preset ultrafast -bf 0 -g 25 -c:a aac -ar 8000 ";
@@ -303,6 +311,45 @@ TEST_F(StreamTest, WrappingAndFallingTimestampsStillRiseAndMkvKeepsTheAudio) {
   ASSERT_EQ(0, rc);
   EXPECT_EQ("codec_name=h264\ncodec_name=aac\n", Probe(mkv, "-show_entries stream=codec_name"));
   EXPECT_EQ("", Shell("ffmpeg -v error -nostdin -i " + mkv + " -f null - 2>&1"));
+}
+
+// MP4 cannot hold A-law: the export re-encodes it as AAC on the recorded
+// timeline, and a pause in the recording (3 s after the first 2 s, in
+// frames of 20 ms that do not fill AAC's) stays a pause rather than a seam.
+TEST_F(StreamTest, Mp4ExportCarriesALawAudioAsAacAndKeepsItsPause) {
+  std::string pause = "'if(gte(T,2),PTS+3/TB,PTS)'";
+  std::string clip = Make("pause.mkv", "-t 4 -f lavfi -i testsrc2=size=160x120:rate=25 -t 4 -f lavfi -i "
+                                       "sine=f=440:sample_rate=8000 -vf \"setpts=" + pause +
+                                           "\" -af \"asetnsamples=n=160,asetpts=" + pause +
+                                           "\" -c:v libx264 -preset ultrafast -bf 0 -g 25 -c:a pcm_alaw");
+  pid_t host = StartHost(Cams({Camera("pause", Stream(clip))}), {"--pacing", "fast", "--duration", "0"});
+  ASSERT_EQ(0, WaitHost(host, 30)) << ReadAll(m_dir + "/host.out");
+  std::vector<int64_t> video = Times("pause", "video"), audio = Times("pause", "audio");
+  ASSERT_EQ(200u, audio.size());
+  std::string mp4 = m_dir + "/out.mp4";
+  int rc = 0;
+  std::string out = Shell(WRITER_BIN_DIR "/writer-archive export --root " + m_dir + "/arc --camera A_pause_C --format mp4 --out " +
+                              mp4 + " 2>&1",
+                          &rc);
+  ASSERT_EQ(0, rc) << out;
+  EXPECT_EQ("writer-archive: pcm_alaw audio re-encoded as AAC: mp4 cannot hold it (mkv keeps it as recorded)\n"
+            "writer-archive: 100 video and 33 audio frames exported to " + mp4 + "\n",
+            out);
+  EXPECT_EQ("codec_name=h264\ncodec_name=aac\n", Probe(mp4, "-show_entries stream=codec_name"));
+  EXPECT_EQ("", Shell("ffmpeg -v error -nostdin -i " + mp4 + " -f null - 2>&1"));
+  // The audio lasts from the file's start to the end of the last stored
+  // frame, within one AAC frame (1024 samples).
+  double recorded = static_cast<double>(audio.back() + 200000 - std::max(audio.front(), video.front())) / 1e7;
+  double duration = atof(Probe(mp4, "-select_streams a -show_entries stream=duration").c_str() + 9);
+  EXPECT_NEAR(recorded, duration, 1024.0 / 8000);
+  // Packets on both sides of the pause, none in it.
+  std::vector<double> times;
+  std::string packets = Probe(mp4, "-select_streams a -show_entries packet=pts_time");
+  for (size_t at = packets.find("pts_time="); at != std::string::npos; at = packets.find("pts_time=", at + 1))
+    times.push_back(atof(packets.c_str() + at + 9));
+  ASSERT_FALSE(times.empty());
+  EXPECT_GT(times.back(), 6.5);
+  for (double t : times) EXPECT_TRUE(t < 2.05 || t > 4.95) << t;
 }
 
 // Sources that cannot record say why, by camera; the others record.

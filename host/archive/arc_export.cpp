@@ -3,11 +3,13 @@
 // segment, each audio frame written before the first video frame that is
 // not older; the muxer interleaves the rest. Each packet is held back until
 // the next of its stream is known, so that its duration reaches the next
-// one's time and a gap in the recording stays a gap in the file.
+// one's time and a gap in the recording stays a gap in the file. A-law and
+// mu-law audio, which MP4 cannot hold, goes into an MP4 as AAC instead.
 #include "host/archive/arc_export.h"
 
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 extern "C" {
@@ -16,6 +18,7 @@ extern "C" {
 #include <libavutil/error.h>
 }
 
+#include "host/archive/arc_aac.h"
 #include "host/archive/arc_reader.h"
 #include "platform/pl_clock.h"
 
@@ -49,6 +52,7 @@ struct Export {
   size_t m_ui_audio_next = 0;
   AVCodecID m_audio_codec = AV_CODEC_ID_NONE;
   std::string m_s_audio_config;
+  std::unique_ptr<ArcAacEncoder> m_p_aac;  // G.711 into a container that cannot hold it
   std::string m_s_error;
 };
 
@@ -119,6 +123,30 @@ void AacRate(const std::string& s_config_av, int* p_rate_av, int* p_channels_av)
   *p_channels_av = (s_config_av[1] >> 3) & 0x0F;
 }
 
+bool IsG711(AVCodecID codec_av) { return codec_av == AV_CODEC_ID_PCM_ALAW || codec_av == AV_CODEC_ID_PCM_MULAW; }
+
+// G.711 audio as AAC, so that an MP4 still has the camera's sound.
+void AddAacAudio(Export* p_av, std::string* p_note_av) {
+  const char* s_codec_lv = avcodec_get_name(p_av->m_audio_codec);
+  std::unique_ptr<ArcAacEncoder> p_aac_lv(new ArcAacEncoder());
+  std::string s_why_lv;
+  bool b_global_lv = (p_av->m_p_fmt->oformat->flags & AVFMT_GLOBALHEADER) != 0;
+  AVStream* p_st_lv = nullptr;
+  if (p_aac_lv->Open(p_av->m_audio_codec, 8000, 1, b_global_lv, &s_why_lv)) {
+    p_st_lv = avformat_new_stream(p_av->m_p_fmt, nullptr);
+    if (p_st_lv == nullptr || !p_aac_lv->CopyParameters(p_st_lv->codecpar)) s_why_lv = "no stream for it";
+  }
+  if (!s_why_lv.empty()) {
+    *p_note_av = std::string("audio left out: ") + s_codec_lv + " cannot be re-encoded as AAC: " + s_why_lv;
+    return;
+  }
+  p_st_lv->time_base = AVRational{1, p_aac_lv->Rate()};
+  p_av->m_audio.m_p_st = p_st_lv;
+  p_av->m_p_aac = std::move(p_aac_lv);
+  *p_note_av = std::string(s_codec_lv) + " audio re-encoded as AAC: " + p_av->m_p_fmt->oformat->name +
+               " cannot hold it (mkv keeps it as recorded)";
+}
+
 void AddAudio(Export* p_av, std::string* p_note_av) {
   if (p_av->m_audio_frames.empty()) return;
   if (p_av->m_audio_codec == AV_CODEC_ID_NONE) {
@@ -128,6 +156,7 @@ void AddAudio(Export* p_av, std::string* p_note_av) {
   // Matroska takes any audio (as a WAVE format when it has no tag of its
   // own); MP4 only what its muxer lists.
   bool b_mp4_lv = strcmp(p_av->m_p_fmt->oformat->name, "mp4") == 0;
+  if (b_mp4_lv && IsG711(p_av->m_audio_codec)) return AddAacAudio(p_av, p_note_av);
   if (b_mp4_lv && avformat_query_codec(p_av->m_p_fmt->oformat, p_av->m_audio_codec, FF_COMPLIANCE_NORMAL) != 1) {
     *p_note_av = std::string("audio left out: ") + p_av->m_p_fmt->oformat->name + " cannot hold " +
                  avcodec_get_name(p_av->m_audio_codec) + " (mkv keeps it)";
@@ -141,6 +170,7 @@ void AddAudio(Export* p_av, std::string* p_note_av) {
   if (p_av->m_audio_codec == AV_CODEC_ID_AAC) {
     AacRate(p_av->m_s_audio_config, &i_rate_lv, &i_channels_lv);
     SetExtradata(p_par_lv, p_av->m_s_audio_config);
+    p_par_lv->frame_size = 1024;  // what cameras send; MP4's muxer asks for it
   } else {
     p_par_lv->bits_per_coded_sample = 8;
   }
@@ -214,11 +244,45 @@ bool Put(Export* p_av, OutStream* p_out_av, int64_t i64_ticks_av, bool b_key_av,
   return true;
 }
 
+bool WriteAac(Export* p_av, AVPacket* p_pkt_av) {
+  AVStream* p_st_lv = p_av->m_audio.m_p_st;
+  av_packet_rescale_ts(p_pkt_av, AVRational{1, p_av->m_p_aac->Rate()}, p_st_lv->time_base);
+  p_pkt_av->stream_index = p_st_lv->index;
+  int i_rc_lv = av_interleaved_write_frame(p_av->m_p_fmt, p_pkt_av);
+  if (i_rc_lv < 0) return p_av->m_s_error = "cannot write an audio frame: " + AvError(i_rc_lv), false;
+  p_av->m_audio.m_ui64_count++;
+  return true;
+}
+
+// A stored frame's samples go where its time says, counted from the file's
+// time 0 at the encoder's rate.
+bool PutAac(Export* p_av, const AudioFrame& frame_av) {
+  int64_t i64_pos_lv =
+      av_rescale_q(frame_av.m_i64_ticks - p_av->m_i64_t0, AVRational{1, 10000000}, AVRational{1, p_av->m_p_aac->Rate()});
+  std::string s_why_lv;
+  if (p_av->m_p_aac->Put(reinterpret_cast<const uint8_t*>(frame_av.m_s_data.data()), frame_av.m_s_data.size(), i64_pos_lv,
+                         [p_av](AVPacket* p_pkt_av) { return WriteAac(p_av, p_pkt_av); }, &s_why_lv))
+    return true;
+  if (p_av->m_s_error.empty()) p_av->m_s_error = s_why_lv;
+  return false;
+}
+
+bool FinishAac(Export* p_av) {
+  std::string s_why_lv;
+  if (p_av->m_p_aac->Finish([p_av](AVPacket* p_pkt_av) { return WriteAac(p_av, p_pkt_av); }, &s_why_lv)) return true;
+  if (p_av->m_s_error.empty()) p_av->m_s_error = s_why_lv;
+  return false;
+}
+
 bool PutAudioUntil(Export* p_av, int64_t i64_ticks_av) {
   while (p_av->m_ui_audio_next < p_av->m_audio_frames.size() &&
          p_av->m_audio_frames[p_av->m_ui_audio_next].m_i64_ticks <= i64_ticks_av) {
     AudioFrame& frame_lv = p_av->m_audio_frames[p_av->m_ui_audio_next++];
     if (frame_lv.m_i64_ticks < p_av->m_i64_t0) continue;
+    if (p_av->m_p_aac != nullptr) {
+      if (!PutAac(p_av, frame_lv)) return false;
+      continue;
+    }
     if (!Put(p_av, &p_av->m_audio, frame_lv.m_i64_ticks, true, &frame_lv.m_s_data)) return false;
   }
   return true;
@@ -289,6 +353,7 @@ bool Finish(Export* p_av) {
   if (!p_av->m_b_header) return false;
   if (p_av->m_s_error.empty()) PutAudioUntil(p_av, INT64_MAX);
   if (p_av->m_s_error.empty()) Flush(p_av, &p_av->m_video, 0);
+  if (p_av->m_s_error.empty() && p_av->m_p_aac != nullptr) FinishAac(p_av);
   if (p_av->m_s_error.empty() && p_av->m_audio.m_p_st != nullptr) Flush(p_av, &p_av->m_audio, 0);
   int i_rc_lv = av_write_trailer(p_av->m_p_fmt);
   if (i_rc_lv < 0 && p_av->m_s_error.empty()) p_av->m_s_error = "cannot end the file: " + AvError(i_rc_lv);

@@ -11,6 +11,10 @@
 #include <string>
 #include <vector>
 
+extern "C" {
+#include <libavutil/log.h>
+}
+
 #include "host/archive/arc_export.h"
 #include "host/archive/arc_reader.h"
 #include "platform/pl_clock.h"
@@ -257,6 +261,9 @@ int CmdExportContainer(const Options& opt_av) {
   if (opt_av.Has("--to") && !ParseExportTime(opt_av.Get("--to", ""), &i64_to_lv))
     return Usage(HELP_EXPORT, "--to: not a time");
   std::string s_root_lv = opt_av.Get("--root", DefaultRoot()), s_error_lv;
+  // FFmpeg's own chatter (the AAC encoder's figures) is not for people;
+  // its warnings and errors are.
+  av_log_set_level(AV_LOG_WARNING);
   ArcExportReport report_lv;
   if (!ArcExportContainerReport(s_root_lv, opt_av.Get("--camera", ""), i64_from_lv, i64_to_lv, s_format_lv,
                                 opt_av.Get("--out", ""), &report_lv, &s_error_lv)) {
