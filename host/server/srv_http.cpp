@@ -389,15 +389,7 @@ void SrvHttp::Recordings(const httplib::Request&, httplib::Response& res_av, con
 // The archive folder of every configured camera, with the camera's name.
 std::map<std::string, std::string> SrvHttp::FolderNames() const {
   std::map<std::string, std::string> names_lv;
-  for (const SrvCamera& cam_lv : m_view.m_p_settings->m_cameras) {
-    const char* keys_lv[5];
-    int32_t sizes_lv[5];
-    for (int i_lv = 0; i_lv < 5; i_lv++) {
-      keys_lv[i_lv] = cam_lv.m_s_arc_keys[i_lv].c_str();
-      sizes_lv[i_lv] = static_cast<int32_t>(cam_lv.m_s_arc_keys[i_lv].size() + 1);
-    }
-    names_lv[warc::CameraFolderName(keys_lv, sizes_lv, 5)] = cam_lv.m_s_name;
-  }
+  for (const SrvCamera& cam_lv : m_view.m_p_settings->m_cameras) names_lv[SrvCameraFolder(cam_lv)] = cam_lv.m_s_name;
   return names_lv;
 }
 

@@ -38,16 +38,6 @@ std::string CameraLabels(const SrvCamera& cam_av, const char* s_medium_av) {
   return "camera=\"" + SrvMetricsLabel(cam_av.m_s_name) + "\",medium=\"" + s_medium_av + "\"";
 }
 
-std::string FolderOf(const SrvCamera& cam_av) {
-  const char* keys_lv[5];
-  int32_t sizes_lv[5];
-  for (int i_lv = 0; i_lv < 5; i_lv++) {
-    keys_lv[i_lv] = cam_av.m_s_arc_keys[i_lv].c_str();
-    sizes_lv[i_lv] = static_cast<int32_t>(cam_av.m_s_arc_keys[i_lv].size() + 1);
-  }
-  return warc::CameraFolderName(keys_lv, sizes_lv, 5);
-}
-
 // Frames and bytes stored per camera folder and kind since the start.
 std::map<std::pair<std::string, int>, ArchiveStreamStats> StreamStats(SrvPlugin* p_av) {
   std::map<std::pair<std::string, int>, ArchiveStreamStats> out_lv;
@@ -81,7 +71,7 @@ void CameraFamilies(const SrvRunView& view_av, std::string* p_out_av) {
   auto per_stream = [&](const char* s_name_av, const char* s_help_av, int64_t ArchiveStreamStats::*p_field_av) {
     Family fam_lv(p_out_av, s_name_av, "counter", s_help_av);
     for (const SrvCamera& cam_lv : cams_lv) {
-      std::string s_folder_lv = FolderOf(cam_lv);
+      std::string s_folder_lv = SrvCameraFolder(cam_lv);
       for (int i_kind_lv = 1; i_kind_lv <= 2; i_kind_lv++) {
         auto it_lv = streams_lv.find({s_folder_lv, i_kind_lv});
         fam_lv.Sample(CameraLabels(cam_lv, i_kind_lv == 1 ? "video" : "audio"),
@@ -179,4 +169,14 @@ std::string SrvMetricsText(const SrvRunView& view_av) {
            "Times a recording channel stopped confirming it is alive.")
         .Sample("", view_av.m_p_tracks->m_i64_silences.load());
   return s_out_lv;
+}
+
+std::string SrvCameraFolder(const SrvCamera& cam_av) {
+  const char* keys_lv[5];
+  int32_t sizes_lv[5];
+  for (int i_lv = 0; i_lv < 5; i_lv++) {
+    keys_lv[i_lv] = cam_av.m_s_arc_keys[i_lv].c_str();
+    sizes_lv[i_lv] = static_cast<int32_t>(cam_av.m_s_arc_keys[i_lv].size() + 1);
+  }
+  return warc::CameraFolderName(keys_lv, sizes_lv, 5);
 }

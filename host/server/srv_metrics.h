@@ -33,5 +33,8 @@ long long SrvBufferMemory(SrvPlugin* p_av);
 // The exposition text, version 0.0.4.
 std::string SrvMetricsText(const SrvRunView& view_av);
 
+// The archive folder the reference archive keeps a camera's streams in.
+std::string SrvCameraFolder(const SrvCamera& cam_av);
+
 // A label value with backslash, double quote and line feed escaped.
 std::string SrvMetricsLabel(const std::string& s_av);
