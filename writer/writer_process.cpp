@@ -161,8 +161,10 @@ int32_t WriteData(TCameraInfoW* p_av, int32_t i_slot_av) {
     FileTimeToText(static_cast<uint64_t>(i64_time_lv), s_time_lv);
     TRACE44(TLOG_ARC_TRACE, "<%lld>WriteData beg time %s ", static_cast<long long>(InfoCamId(p_av)), s_time_lv);
   }
-  p_writer_lv->m_i_write_flag = 0;  // the write-failure latch
-  if (p_av->m_b_write_off != 0) return RC_OK;
+  // The write-failure latch and the write-off flag are read by the
+  // buffering thread's pre-event check without a lock.
+  AtomicPut(&p_writer_lv->m_i_write_flag, 0);
+  if (AtomicGet(&p_av->m_b_write_off) != 0) return RC_OK;
   int32_t i_status_lv = RC_OK;
   int32_t i_error_lv = I_WR_STATUS_START;
   if (p_writer_lv->m_pb_frame_block == nullptr || p_writer_lv->m_ui_frame_block_size < 1) {
