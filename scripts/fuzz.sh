@@ -19,6 +19,11 @@ if [ ${#targets[@]} -eq 0 ]; then
            fuzz_web_service fuzz_saved_file fuzz_profile_file fuzz_archive)
 fi
 work=${FUZZ_WORK:-/var/tmp/writer-fuzz}
+# FUZZ_SEED fixes libFuzzer's random seed: the test command's short stage
+# then walks the same inputs on every run, so that it fails on a fault of the
+# code, not on a lucky draw; a long run without it explores afresh.
+seed_arg=
+[ -n "${FUZZ_SEED:-}" ] && seed_arg="-seed=${FUZZ_SEED}"
 dir="$root/build-fuzz"
 
 # -O1 with line tables: quick to build, fast enough to run, stacks with lines.
@@ -36,7 +41,7 @@ for t in "${targets[@]}"; do
   log="$work/$t.log"
   echo "== $t, ${seconds} s"
   rc=0
-  "$dir/bin/$t" -max_total_time="$seconds" -timeout=25 -rss_limit_mb=2048 -print_final_stats=1 \
+  "$dir/bin/$t" -max_total_time="$seconds" -timeout=25 -rss_limit_mb=2048 -print_final_stats=1 ${seed_arg} \
     -artifact_prefix="$work/artifacts/$t-" "$work/$t" "$root/fuzz/corpus/$t" >"$log" 2>&1 || rc=$?
   if [ "$rc" -ne 0 ]; then
     failed+=("$t")

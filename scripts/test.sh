@@ -24,5 +24,5 @@ echo "== ThreadSanitizer build"
 
 echo "== fuzzing, each target for ${WRITER_FUZZ_SECONDS:-20} s"
 fuzz_work=$(mktemp -d /tmp/writer-fuzz-XXXXXX)
-FUZZ_WORK="$fuzz_work" "$root/scripts/fuzz.sh" "${WRITER_FUZZ_SECONDS:-20}"
+FUZZ_WORK="$fuzz_work" FUZZ_SEED="${WRITER_FUZZ_SEED:-1}" "$root/scripts/fuzz.sh" "${WRITER_FUZZ_SECONDS:-20}"
 rm -rf "$fuzz_work"

@@ -449,6 +449,10 @@ TEST_F(WebFrontTest, AnyOtherMethodGetsTheErrorAnswerAndTheCallerStillSeesItTake
   m_alive = 7;
   for (const char* method : {"help", "query_log_status", "getstatus", ""}) Call(method);
   EXPECT_EQ(11, m_alive);
+  int32_t at_limit = INT32_MAX;  // a caller's counter stops at its largest value
+  Call("GetError", nullptr, &at_limit);
+  EXPECT_EQ(INT32_MAX, at_limit);
+  m_answers.all.pop_back();
   ASSERT_EQ(4u, m_answers.all.size());
   for (const auto& answer : m_answers.all)
     EXPECT_EQ((std::vector<std::string>{"cmd=result", "error=error message in text format",

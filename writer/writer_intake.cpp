@@ -136,11 +136,6 @@ void UtcText(int64_t i64_micros_av, char* s_out_av) {
   FileTimeToText(ui64_ticks_lv, s_out_av);
 }
 
-// The source's counters are plain integers: they stop at their largest value.
-void RaiseCounter(int32_t* p_counter_av) {
-  if (*p_counter_av < INT32_MAX) (*p_counter_av)++;
-}
-
 // What the walk of one "frame" list found besides the channel's members.
 struct TFrameRead {
   int32_t* m_p_need;
@@ -525,7 +520,7 @@ void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av
   TRACE44(TLOG_ARC_TRACE, "<by_event%lld> bef need establ condit", i64_cam_lv);
   if (NeedWrite(&p_av->m_by_event, i_slot_lv) != 0 && rd_lv.m_p_need != nullptr) {
     TRACE44(TLOG_ARC_TRACE, "<by_event%lld> bef need establ", i64_cam_lv);
-    RaiseCounter(rd_lv.m_p_need);
+    CounterRaise(rd_lv.m_p_need);
   } else {
     AtomicPut(&p_av->m_status.m_i64_last_unneeded, i64_now_lv);
   }
@@ -631,5 +626,5 @@ void on_data2(void* p_user_av, ProfileParam* p_params_av) {
   int32_t* p_listen_lv = nullptr;
   for (ProfileParam* p_lv = p_status_lv; p_lv->type != PP_END; p_lv++)
     if (Is(p_lv, "listen", PP_INT32)) p_listen_lv = static_cast<int32_t*>(p_lv->value);
-  if (p_listen_lv != nullptr) RaiseCounter(p_listen_lv);
+  if (p_listen_lv != nullptr) CounterRaise(p_listen_lv);
 }

@@ -384,7 +384,7 @@ void on_plugin_data2(void* p_user_av, ProfileParam* p_params_av) {
       TRACE45(TLOG_ARC, TSEV_FAULT, "<errorws> OnGetEvent timeout_sec=%d < 1 set 5sec", call_lv.m_i_timeout_sec);
     if (call_lv.m_p_check_alive != nullptr && call_lv.m_s_method != nullptr) {
       // The caller sees from its own counter that a provider took the call.
-      (*call_lv.m_p_check_alive)++;
+      CounterRaise(call_lv.m_p_check_alive);
       std::string s_method_lv(call_lv.m_s_method);
       if (IsRegisteredMethod(s_method_lv.c_str())) {
         StableMark(i_slot_lv, POINT_METHOD_BEFORE);

@@ -62,6 +62,13 @@ int32_t PathJoin(char* s_out_av, const char* s_dir_av, const char* s_name_av);
 uint64_t FileTimeNowLocal();
 // The same as a signed tick count, the form time arithmetic uses.
 inline int64_t FileTimeNowLocalI64() { return static_cast<int64_t>(FileTimeNowLocal()); }
+
+// Counters that a peer hands over as plain integers and the plug-in raises
+// (a source's `need` and `listen`, a caller's `check_alive`): they stop at
+// their largest value instead of wrapping.
+inline void CounterRaise(int32_t* p_counter_av) {
+  if (*p_counter_av < INT32_MAX) (*p_counter_av)++;
+}
 // "%04d.%02d.%02d %02d:%02d:%02d:%03d" of the ticks, into a buffer of at
 // least FILE_TIME_TEXT_SIZE bytes.
 void FileTimeToText(uint64_t ui64_ticks_av, char* s_buf_av);
