@@ -60,6 +60,7 @@ for t in "${targets[@]}"; do
 done
 echo
 cat "$work/summary.txt"
+echo "fuzz: $((${#targets[@]} - ${#failed[@]})) passed, ${#failed[@]} failed"
 if [ ${#failed[@]} -ne 0 ]; then
   echo "fuzz.sh: findings in: ${failed[*]} (reproducers in $work/artifacts)" >&2
   exit 1
