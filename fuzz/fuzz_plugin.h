@@ -16,16 +16,10 @@
 
 #include "include/host/core_api.h"
 #include "include/host/log_api.h"
+#include "include/host/plugin_api.h"
 #include "tests/test_plugin_host.h"
 
 namespace fuzz {
-
-typedef int32_t (*DllInitFn)();
-typedef int32_t (*DllFreeFn)();
-typedef void* (*PluginOpenFn)(ProfileParam*);
-typedef int32_t (*PluginCloseFn)(void*);
-typedef int32_t (*DllExecFn)(ProfileParam*);
-typedef int32_t (*PluginExecFn)(void*, ProfileParam*);
 
 // A camera that records always; extra writer settings may follow "in".
 inline std::string CameraDocument(const std::string& extra) {

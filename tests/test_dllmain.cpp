@@ -4,6 +4,7 @@
 #include "include/host/archive_api.h"
 #include "include/host/core_api.h"
 #include "include/host/log_api.h"
+#include "include/host/plugin_api.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
 #include "tests/test_text_util.h"
@@ -22,13 +23,6 @@
 #include <gtest/gtest.h>
 
 namespace {
-
-typedef int32_t (*DllInitFn)();
-typedef int32_t (*DllFreeFn)();
-typedef void* (*PluginOpenFn)(ProfileParam*);
-typedef int32_t (*PluginCloseFn)(void*);
-typedef int32_t (*DllExecFn)(ProfileParam*);
-typedef int32_t (*PluginExecFn)(void*, ProfileParam*);
 
 const char kFishTypes[] = R"({"writer":["profiles"]})";
 const char kDay[] = R"([{"begin":" 0 : 00 ","end":" 24 : 00 "}])";
