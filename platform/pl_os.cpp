@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -98,6 +99,50 @@ void* PlAlignedAlloc(size_t ui_size_av, size_t ui_align_av) {
 }
 
 void PlAlignedFree(void* p_av) { free(p_av); }
+
+namespace {
+
+size_t PageBytes() {
+  static const size_t s_ui_page_lv = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  return s_ui_page_lv;
+}
+
+// Whole pages that hold a block of that size; 0 for a size that no page
+// count can hold.
+size_t PagesSpan(size_t ui_size_av) {
+  size_t ui_page_lv = PageBytes();
+  if (ui_size_av > SIZE_MAX - ui_page_lv) return 0;
+  return (ui_size_av + ui_page_lv - 1) / ui_page_lv * ui_page_lv;
+}
+
+}  // namespace
+
+void* PlPagesAlloc(size_t ui_size_av) {
+  size_t ui_span_lv = PagesSpan(ui_size_av);
+  if (ui_size_av == 0 || ui_span_lv == 0) return nullptr;
+  void* p_lv = mmap(nullptr, ui_span_lv, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return p_lv == MAP_FAILED ? nullptr : p_lv;
+}
+
+void* PlPagesResize(void* p_av, size_t ui_old_size_av, size_t ui_new_size_av) {
+  if (p_av == nullptr) return PlPagesAlloc(ui_new_size_av);
+  size_t ui_old_span_lv = PagesSpan(ui_old_size_av);
+  size_t ui_new_span_lv = PagesSpan(ui_new_size_av);
+  if (ui_new_size_av == 0 || ui_new_span_lv == 0) return nullptr;
+  // The old last page may carry bytes written past the old size; a block
+  // that grows into them must read zero there, as fresh pages do.
+  if (ui_new_size_av > ui_old_size_av) {
+    size_t ui_end_lv = ui_new_size_av < ui_old_span_lv ? ui_new_size_av : ui_old_span_lv;
+    if (ui_end_lv > ui_old_size_av) memset(static_cast<char*>(p_av) + ui_old_size_av, 0, ui_end_lv - ui_old_size_av);
+  }
+  if (ui_new_span_lv == ui_old_span_lv) return p_av;
+  void* p_lv = mremap(p_av, ui_old_span_lv, ui_new_span_lv, MREMAP_MAYMOVE);
+  return p_lv == MAP_FAILED ? nullptr : p_lv;
+}
+
+void PlPagesFree(void* p_av, size_t ui_size_av) {
+  if (p_av != nullptr) munmap(p_av, PagesSpan(ui_size_av));
+}
 
 bool PlOsVersion(bool b_long_form_av, uint32_t* p_platform_id_av) {
   utsname name_lv;

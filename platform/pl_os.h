@@ -40,6 +40,17 @@ void PlStdoutWrite(const char* s_text_av, size_t ui_len_av);
 void* PlAlignedAlloc(size_t ui_size_av, size_t ui_align_av);
 void PlAlignedFree(void* p_av);
 
+// Memory in whole pages of the system, for large blocks that live long and
+// change size: pages given back return to the system at once (the C heap
+// keeps freed memory for itself), growth moves pages instead of copying
+// bytes, and a page holds memory only once it is touched. Sizes are in bytes;
+// every call is told the size the block was last given. Fresh bytes read as
+// zero. Null on failure, and a failed resize leaves the block as it was.
+void* PlPagesAlloc(size_t ui_size_av);
+// Keeps the first min(old, new) bytes; the block may move.
+void* PlPagesResize(void* p_av, size_t ui_old_size_av, size_t ui_new_size_av);
+void PlPagesFree(void* p_av, size_t ui_size_av);
+
 // Version of the operating system. With the long form, also a service-pack
 // text is asked for. True on success; the platform id is 2 for a kernel of
 // the present family.

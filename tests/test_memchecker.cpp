@@ -142,6 +142,49 @@ TEST_F(MemCheckerTest, ShrinkingReallocCopiesNothing) {
   EXPECT_EQ(4, m_p->m_i64_memcounter);
 }
 
+// Blocks of whole pages carry the same words and entry; growth keeps the
+// bytes and reads zero past them (the old trailer too), a shrink and a
+// refusal behave as for heap blocks.
+TEST_F(MemCheckerTest, PagesBlocksGrowInPlaceShrinkToZeroAndSurviveARefusal) {
+  char* p_lv = nullptr;
+  ASSERT_EQ(1, SAFE_MEM_PAGES_REALLOCB4(p_lv, 0, 8, 30));
+  EXPECT_EQ(MEM_PREFIX_WORD, Word(BlockOf(p_lv), 0));
+  EXPECT_EQ(MEM_SUFFIX_WORD, Word(BlockOf(p_lv), 40));
+  memset(p_lv, 0x5A, 8);
+  for (int32_t i_size_lv : {100, 70000, 300000}) {
+    int32_t i_old_lv = static_cast<int32_t>(Word(BlockOf(p_lv), 8));
+    ASSERT_EQ(1, SAFE_MEM_PAGES_REALLOCB4(p_lv, i_old_lv, i_size_lv, 30));
+    EXPECT_EQ(0, memcmp(p_lv, "ZZZZZZZ", 7));
+    EXPECT_EQ(i_old_lv == 8 ? 'Z' : 1, p_lv[i_old_lv - 1]);
+    for (int32_t i_lv = i_old_lv; i_lv < i_size_lv; i_lv++) ASSERT_EQ(0, p_lv[i_lv]) << i_size_lv << " " << i_lv;
+    EXPECT_EQ(MEM_SUFFIX_WORD, Word(BlockOf(p_lv), MEM_HEADER_SIZE + i_size_lv));
+    EXPECT_EQ(i_size_lv, m_p->m_i64_memcounter);
+    p_lv[i_size_lv - 1] = 1;
+  }
+  const MemBlockEntry& entry_lv = Entry(0, m_p->m_i_block_counter - 1);
+  EXPECT_EQ(BlockOf(p_lv), entry_lv.m_pb_block);
+  EXPECT_EQ(30, entry_lv.m_i_sign);
+
+  SafeMemFailNext(30, 1);
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(0, SAFE_MEM_PAGES_REALLOCB4(p_lv, 300000, 400000, 30));
+  EXPECT_NE(std::string::npos, ::testing::internal::GetCapturedStdout().find("in SAFE_MEM_ALLOCB5"));
+  EXPECT_EQ(300000, m_p->m_i64_memcounter);
+  EXPECT_EQ(0, memcmp(p_lv, "ZZZZZZZZ", 8));
+
+  ASSERT_EQ(1, SAFE_MEM_PAGES_REALLOCB4(p_lv, 300000, 5000, 29));
+  for (int32_t i_lv = 0; i_lv < 5000; i_lv++) ASSERT_EQ(0, p_lv[i_lv]) << i_lv;
+  EXPECT_EQ(5000, m_p->m_i64_memcounter);
+  EXPECT_EQ(0, SAFE_MEM_PAGES_REALLOCB4(p_lv, 5000, 0, 29));  // no block: the old one stays
+  // A block overrun before it grows is reported, and the grown one is sound.
+  p_lv[5000] = 1;
+  ASSERT_EQ(1, SAFE_MEM_PAGES_REALLOCB4(p_lv, 5000, 9000, 30));
+  EXPECT_EQ(0, p_lv[5000]);
+  SAFE_MEM_PAGES_FREE(p_lv, 9000);
+  EXPECT_EQ(nullptr, p_lv);
+  EXPECT_EQ(0, m_p->m_i64_memcounter);
+}
+
 TEST_F(MemCheckerTest, FullBaseElementGrowsToBaseOneAndSkipsItsEntryZero) {
   Fill(I_MEM_BLOCK_NUM);
   EXPECT_EQ(static_cast<uint32_t>(I_MEM_BLOCK_NUM - 1), Word(BlockOf(m_blocks.back()), 4));

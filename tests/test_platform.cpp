@@ -399,6 +399,22 @@ TEST(Os, LibrariesAlignedMemoryAndVersion) {
   EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(p) % 32);
   PlAlignedFree(p);
 
+  // Pages: bytes past the size a block was last given read zero after it
+  // grows again, even those written into its last page meanwhile.
+  char* pages = static_cast<char*>(PlPagesAlloc(10));
+  ASSERT_NE(nullptr, pages);
+  memset(pages, 'a', 100);
+  pages = static_cast<char*>(PlPagesResize(pages, 10, 200000));
+  ASSERT_NE(nullptr, pages);
+  EXPECT_EQ(std::string(10, 'a') + std::string(5, '\0'), std::string(pages, 15));
+  pages[199999] = 'z';
+  pages = static_cast<char*>(PlPagesResize(pages, 200000, 10));
+  pages = static_cast<char*>(PlPagesResize(pages, 10, 200000));
+  EXPECT_EQ(0, pages[199999]);
+  EXPECT_EQ('a', pages[9]);
+  EXPECT_EQ(nullptr, PlPagesAlloc(0));
+  PlPagesFree(pages, 200000);
+
   uint32_t id = 0;
   EXPECT_TRUE(PlOsVersion(true, &id));
   EXPECT_EQ(2u, id);

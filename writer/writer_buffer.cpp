@@ -23,18 +23,21 @@ volatile int64_t* UsedMemCounter() {
   return p_lv != nullptr ? &p_lv->ui64_buffs_used_mem : &g_i64_buffs_used_mem_spare;
 }
 
-// Replaces the storage; a failed allocation keeps the old block and its size.
+// Resizes the storage; a failed allocation keeps the old block and its size.
+// The block is made of whole pages of the system: a buffer that shrank after
+// a backlog gives those pages back at once, where the C heap would keep them
+// for the rest of the process, and growth moves pages without copying bytes.
 void ResizeStorage(TWriteBuffer* p_av, int32_t i_size_av, int32_t i_signat_av) {
-  uint8_t* pb_old_lv = p_av->m_pb_data_b;
-  SAFE_MEM_REALLOCB4(p_av->m_pb_data_b, i_size_av, i_signat_av);
-  if (p_av->m_pb_data_b != pb_old_lv) p_av->m_i_storage_size_b = i_size_av;
+  int32_t i_old_size_lv = p_av->m_pb_data_b != nullptr ? p_av->m_i_storage_size_b : 0;
+  if (SAFE_MEM_PAGES_REALLOCB4(p_av->m_pb_data_b, i_old_size_lv, i_size_av, i_signat_av))
+    p_av->m_i_storage_size_b = i_size_av;
 }
 
 // Makes the block hold at least the nominal size. The nominal size grows by
 // twice a portion at a time, so a buffer that fills while the archive runs
-// behind would copy its whole block at nearly every frame; the block itself
-// grows by half at least, so that the copies add up to a few times the
-// buffer once. It never grows past the largest end offset on that account.
+// behind would resize its block at nearly every frame; the block itself
+// grows by half at least, so that the system calls and registry updates stay
+// few. It never grows past the largest end offset on that account.
 void GrowStorage(TWriteBuffer* p_av) {
   int32_t i_nominal_lv = p_av->m_i_buff_size_b;
   if (p_av->m_pb_data_b != nullptr && p_av->m_i_storage_size_b >= i_nominal_lv) return;
@@ -57,7 +60,7 @@ TWriteBuffer::TWriteBuffer()
       m_i_storage_size_b(0) {}
 
 TWriteBuffer::~TWriteBuffer() {
-  SAFE_MEM_FREE(m_pb_data_b);
+  SAFE_MEM_PAGES_FREE(m_pb_data_b, m_i_storage_size_b);
   BuffsUsedMemAdd(-static_cast<int64_t>(m_i_buff_size_b));
 }
 

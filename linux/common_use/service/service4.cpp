@@ -329,6 +329,62 @@ bool FailThisAllocation(int32_t i_signat_av) {
   return g_i_fail_count.fetch_sub(1, std::memory_order_acq_rel) > 0;
 }
 
+
+// Writes the words of a zeroed block and registers it; the caller's pointer.
+unsigned char* MemBlockArm(unsigned char* pb_block_av, int32_t i_size_av, int32_t i_signat_av) {
+  // Every word the scan checks is in place before the block is registered:
+  // the scan may look at it from then on, from another thread.
+  WriteWord(pb_block_av, MEM_PREFIX_WORD);
+  WriteWord(pb_block_av + 8, static_cast<uint32_t>(i_size_av));
+  WriteWord(pb_block_av + MEM_HEADER_SIZE + i_size_av, MEM_SUFFIX_WORD);
+  int32_t i_base_lv = 0;
+  int32_t i_index_lv = -1;
+  MemChecker* p_checker_lv = g_p_mem_checker;
+  if (p_checker_lv != nullptr)
+    RegistryMemBlock(p_checker_lv, i_size_av, i_signat_av, &i_base_lv, &i_index_lv, pb_block_av);
+  uint32_t ui_counter_lv =
+      static_cast<uint32_t>(i_base_lv) * static_cast<uint32_t>(I_MEM_BLOCK_NUM) + static_cast<uint32_t>(i_index_lv);
+  WriteWord(pb_block_av + 4, ui_counter_lv);
+  // Without a registry (before dll_init, after dll_free) every block is
+  // unregistered by design, which is no failure worth a line.
+  if (ui_counter_lv == MEM_UNREGISTERED && p_checker_lv != nullptr)
+    TRACE45(TLOG_ARC, TSEV_FAULT, "<error> aft RegistryMemBlock sign %d", i_signat_av);
+  return pb_block_av + MEM_HEADER_SIZE;
+}
+
+void MemLogNoBlock() {
+  static const char s_line_lv[] = "archive throw exception div 0 in SAFE_MEM_ALLOCB5 ";
+  PlStdoutWrite(s_line_lv, sizeof(s_line_lv) - 1);
+}
+
+// Bytes of pages that a checked block of that size takes.
+size_t PagesBlockBytes(int32_t i_size_av) { return static_cast<size_t>(i_size_av) + MEM_EXTRA_SIZE; }
+
+// Grows a pages block in place or by moving its pages. The old block is
+// released first, so that the scan never reads it while it moves; its
+// trailer is cleared, because it now lies inside the caller's bytes. A
+// block the system cannot grow is armed again as it was.
+unsigned char* PagesGrow(unsigned char* pb_user_av, int32_t i_old_size_av, int32_t i_size_av, int32_t i_signat_av) {
+  unsigned char* pb_old_lv = pb_user_av - MEM_HEADER_SIZE;
+  if (SafeMemReleaseCheck(pb_user_av) < 0) {
+    // A damaged block that the registry still lists stays where the scan
+    // reads it; the bytes move to a fresh block.
+    unsigned char* pb_new_lv = static_cast<unsigned char*>(PlPagesAlloc(PagesBlockBytes(i_size_av)));
+    if (pb_new_lv == nullptr) return nullptr;
+    memcpy(pb_new_lv + MEM_HEADER_SIZE, pb_user_av, static_cast<size_t>(i_old_size_av));
+    return MemBlockArm(pb_new_lv, i_size_av, i_signat_av);
+  }
+  memset(pb_old_lv + MEM_HEADER_SIZE + i_old_size_av, 0, MEM_EXTRA_SIZE - MEM_HEADER_SIZE);
+  memset(pb_old_lv, 0, MEM_HEADER_SIZE);
+  unsigned char* pb_new_lv = static_cast<unsigned char*>(
+      PlPagesResize(pb_old_lv, PagesBlockBytes(i_old_size_av), PagesBlockBytes(i_size_av)));
+  if (pb_new_lv == nullptr) {
+    MemBlockArm(pb_old_lv, i_old_size_av, i_signat_av);
+    return nullptr;
+  }
+  return MemBlockArm(pb_new_lv, i_size_av, i_signat_av);
+}
+
 }  // namespace
 
 void SafeMemFailNext(int32_t i_signat_av, int32_t i_count_av) {
@@ -345,29 +401,11 @@ void SafeMemAllocB5(void** pp_out_av, int32_t i_size_av, int32_t i_signat_av) {
                                    ? nullptr
                                    : static_cast<unsigned char*>(PlAlignedAlloc(ui_total_lv, UI_MEM_ALIGN));
   if (pb_block_lv == nullptr) {
-    static const char s_line_lv[] = "archive throw exception div 0 in SAFE_MEM_ALLOCB5 ";
-    PlStdoutWrite(s_line_lv, sizeof(s_line_lv) - 1);
+    MemLogNoBlock();
     return;
   }
   memset(pb_block_lv, 0, ui_total_lv);
-  // Every word the scan checks is in place before the block is registered:
-  // the scan may look at it from then on, from another thread.
-  WriteWord(pb_block_lv, MEM_PREFIX_WORD);
-  WriteWord(pb_block_lv + 8, static_cast<uint32_t>(i_size_av));
-  WriteWord(pb_block_lv + MEM_HEADER_SIZE + i_size_av, MEM_SUFFIX_WORD);
-  int32_t i_base_lv = 0;
-  int32_t i_index_lv = -1;
-  MemChecker* p_checker_lv = g_p_mem_checker;
-  if (p_checker_lv != nullptr)
-    RegistryMemBlock(p_checker_lv, i_size_av, i_signat_av, &i_base_lv, &i_index_lv, pb_block_lv);
-  uint32_t ui_counter_lv =
-      static_cast<uint32_t>(i_base_lv) * static_cast<uint32_t>(I_MEM_BLOCK_NUM) + static_cast<uint32_t>(i_index_lv);
-  WriteWord(pb_block_lv + 4, ui_counter_lv);
-  // Without a registry (before dll_init, after dll_free) every block is
-  // unregistered by design, which is no failure worth a line.
-  if (ui_counter_lv == MEM_UNREGISTERED && p_checker_lv != nullptr)
-    TRACE45(TLOG_ARC, TSEV_FAULT, "<error> aft RegistryMemBlock sign %d", i_signat_av);
-  *pp_out_av = pb_block_lv + MEM_HEADER_SIZE;
+  *pp_out_av = MemBlockArm(pb_block_lv, i_size_av, i_signat_av);
 }
 
 void SafeMemReallocB4(void** pp_var_av, int32_t i_size_av, int32_t i_signat_av) {
@@ -382,6 +420,39 @@ void SafeMemReallocB4(void** pp_var_av, int32_t i_size_av, int32_t i_signat_av) 
     SafeMemFree(pp_var_av);
   }
   *pp_var_av = p_new_lv;
+}
+
+int32_t SafeMemPagesReallocB4(void** pp_var_av, int32_t i_old_size_av, int32_t i_size_av, int32_t i_signat_av) {
+  if (i_size_av < 1) return 0;
+  unsigned char* pb_user_lv = static_cast<unsigned char*>(*pp_var_av);
+  unsigned char* pb_new_lv = nullptr;
+  if (!FailThisAllocation(i_signat_av)) {
+    if (pb_user_lv != nullptr && i_old_size_av <= i_size_av) {
+      pb_new_lv = PagesGrow(pb_user_lv, i_old_size_av, i_size_av, i_signat_av);
+    } else {
+      // First block, or a shrink: fresh pages, all zero and none of them
+      // resident yet, while the old block gives all of its pages back.
+      void* p_pages_lv = PlPagesAlloc(PagesBlockBytes(i_size_av));
+      if (p_pages_lv != nullptr) {
+        pb_new_lv = MemBlockArm(static_cast<unsigned char*>(p_pages_lv), i_size_av, i_signat_av);
+        SafeMemPagesFree(pp_var_av, i_old_size_av);
+      }
+    }
+  }
+  if (pb_new_lv == nullptr) {
+    MemLogNoBlock();
+    return 0;
+  }
+  *pp_var_av = pb_new_lv;
+  return 1;
+}
+
+void SafeMemPagesFree(void** pp_var_av, int32_t i_size_av) {
+  if (*pp_var_av == nullptr) return;
+  // As with heap blocks, a damaged block the registry still lists stays.
+  if (SafeMemReleaseCheck(*pp_var_av) >= 0)
+    PlPagesFree(static_cast<unsigned char*>(*pp_var_av) - MEM_HEADER_SIZE, PagesBlockBytes(i_size_av));
+  *pp_var_av = nullptr;
 }
 
 int SafeMemReleaseCheck(void* p_user_av) {

@@ -62,6 +62,18 @@ void SafeMemAllocB5(void** pp_out_av, int32_t i_size_av, int32_t i_signat_av);
 void SafeMemFailNext(int32_t i_signat_av, int32_t i_count_av);
 void SafeMemReallocB4(void** pp_var_av, int32_t i_size_av, int32_t i_signat_av);
 void SafeMemFree(void** pp_var_av);
+// The same checked block on memory of whole pages (PlPagesAlloc), for the
+// large blocks that grow and shrink over a long run, the frame buffers: a
+// block that shrinks gives its pages back to the system at once, and one that
+// grows keeps its bytes without a copy. Header, trailer, registry entry,
+// counting, signatures and the failure switch are those of SafeMemReallocB4,
+// and so are the results: growth keeps the old bytes, a shrink yields an
+// all-zero block, a size below 1 or a failure leaves the variable as it was.
+// The caller tells the size it last asked for (0 with no block); such a block
+// is released only by SafeMemPagesFree. Returns 1 when the variable holds a
+// block of the new size, which may be the old one grown in place, else 0.
+int32_t SafeMemPagesReallocB4(void** pp_var_av, int32_t i_old_size_av, int32_t i_size_av, int32_t i_signat_av);
+void SafeMemPagesFree(void** pp_var_av, int32_t i_size_av);
 // The checking half of a release, shared by SafeMemFree and SafeStringAssign:
 // gives the block's entry back, checks the words, writes the release words on
 // a good block or logs the damage on a bad one. The memory itself stays
@@ -82,6 +94,20 @@ template <typename T>
 inline void SAFE_MEM_REALLOCB4(T*& p_var_av, int32_t i_size_av, int32_t i_signat_av) {
   void* p_lv = p_var_av;
   SafeMemReallocB4(&p_lv, i_size_av, i_signat_av);
+  p_var_av = static_cast<T*>(p_lv);
+}
+template <typename T>
+inline int32_t SAFE_MEM_PAGES_REALLOCB4(T*& p_var_av, int32_t i_old_size_av, int32_t i_size_av,
+                                        int32_t i_signat_av) {
+  void* p_lv = p_var_av;
+  int32_t i_done_lv = SafeMemPagesReallocB4(&p_lv, i_old_size_av, i_size_av, i_signat_av);
+  p_var_av = static_cast<T*>(p_lv);
+  return i_done_lv;
+}
+template <typename T>
+inline void SAFE_MEM_PAGES_FREE(T*& p_var_av, int32_t i_size_av) {
+  void* p_lv = p_var_av;
+  SafeMemPagesFree(&p_lv, i_size_av);
   p_var_av = static_cast<T*>(p_lv);
 }
 template <typename T>
