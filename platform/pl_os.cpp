@@ -100,6 +100,18 @@ void* PlAlignedAlloc(size_t ui_size_av, size_t ui_align_av) {
 
 void PlAlignedFree(void* p_av) { free(p_av); }
 
+// ThreadSanitizer does not follow pages that mremap moves: a later block
+// placed where another one lived inherits that block's history, and two
+// cameras that never share memory are reported as racing. Under it a block
+// moves by a copy instead.
+#if defined(__SANITIZE_THREAD__)
+#define PL_PAGES_MOVE_BY_COPY 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define PL_PAGES_MOVE_BY_COPY 1
+#endif
+#endif
+
 namespace {
 
 size_t PageBytes() {
@@ -136,8 +148,16 @@ void* PlPagesResize(void* p_av, size_t ui_old_size_av, size_t ui_new_size_av) {
     if (ui_end_lv > ui_old_size_av) memset(static_cast<char*>(p_av) + ui_old_size_av, 0, ui_end_lv - ui_old_size_av);
   }
   if (ui_new_span_lv == ui_old_span_lv) return p_av;
+#ifdef PL_PAGES_MOVE_BY_COPY
+  void* p_lv = PlPagesAlloc(ui_new_size_av);
+  if (p_lv == nullptr) return nullptr;
+  memcpy(p_lv, p_av, ui_new_size_av < ui_old_size_av ? ui_new_size_av : ui_old_size_av);
+  PlPagesFree(p_av, ui_old_size_av);
+  return p_lv;
+#else
   void* p_lv = mremap(p_av, ui_old_span_lv, ui_new_span_lv, MREMAP_MAYMOVE);
   return p_lv == MAP_FAILED ? nullptr : p_lv;
+#endif
 }
 
 void PlPagesFree(void* p_av, size_t ui_size_av) {
