@@ -47,20 +47,23 @@ seconds=$((minutes * 60))
 host_pid=$!
 
 # One line per sample: seconds since start, resident KB, threads, open
-# files, and the plug-in's frame-buffer memory from the latest progress line
+# files, the plug-in's frame-buffer memory from the latest progress line
 # (MB): the buffers size themselves from the traffic, so they tell a
-# process that grows from a plug-in that holds more frames.
+# process that grows from a plug-in that holds more frames; and the
+# machine's load (1-minute average), since a loaded machine stalls the run
+# and makes the buffers grow.
 sample() {
-  local rss thr fds buf
+  local rss thr fds buf load
   rss=$(awk '/^VmRSS:/ { print $2 }' "/proc/$host_pid/status" 2>/dev/null) || return 1
   thr=$(awk '/^Threads:/ { print $2 }' "/proc/$host_pid/status" 2>/dev/null) || return 1
   fds=$(ls "/proc/$host_pid/fd" 2>/dev/null | wc -l)
   buf=$(tail -n 40 "$work/host.txt" | grep -o 'buffers [0-9.]* MB' | tail -n 1 | awk '{ print $2 }')
-  [ -n "$rss" ] && echo "$1 $rss $thr $fds ${buf:-0}"
+  load=$(cut -d' ' -f1 /proc/loadavg)
+  [ -n "$rss" ] && echo "$1 $rss $thr $fds ${buf:-0} $load"
 }
 
 echo "soak: $cams cameras, $minutes min, $frame_bytes bytes a video frame, pid $host_pid, samples every ${period} s"
-printf "%6s %10s %8s %6s %11s\n" "s" "rss KB" threads files "buffers MB"
+printf "%6s %10s %8s %6s %11s %6s\n" "s" "rss KB" threads files "buffers MB" load
 start=$(date +%s)
 : >"$work/samples.txt"
 while kill -0 "$host_pid" 2>/dev/null; do
@@ -69,7 +72,7 @@ while kill -0 "$host_pid" 2>/dev/null; do
   line=$(sample "$now") || break
   [ -n "$line" ] || break
   echo "$line" >>"$work/samples.txt"
-  printf "%6d %10d %8d %6d %11s\n" $line
+  printf "%6d %10d %8d %6d %11s %6s\n" $line
   sleep $period
 done
 wait "$host_pid" && rc=0 || rc=$?
@@ -84,11 +87,17 @@ echo "writer-host exit status: $rc"
 growth() {
   awk -v warm="$1" '
     $1 >= warm && base == "" { base = $2; bthr = $3; bfds = $4; bt = $1; bbuf = $5 }
-    base != "" { last = $2; lthr = $3; lfds = $4; lt = $1; lbuf = $5; if ($2 > peak) peak = $2; if ($5 > pbuf) pbuf = $5 }
+    base != "" { last = $2; lthr = $3; lfds = $4; lt = $1; lbuf = $5; if ($2 > peak) peak = $2; if ($5 > pbuf) pbuf = $5
+                 load += $6; n++; if ($6 > pload) pload = $6 }
     END {
       if (base == "") { printf "soak: no sample after %d s\n", warm; exit 1 }
       printf "after %d s (%d s to %d s): resident %d KB -> %d KB (%+.2f %%, peak %+.2f %%), threads %d -> %d, files %d -> %d, buffers %s MB -> %s MB (peak %s MB)\n",
              warm, bt, lt, base, last, 100 * (last - base) / base, 100 * (peak - base) / base, bthr, lthr, bfds, lfds, bbuf, lbuf, pbuf
+      # The buffers size themselves from the traffic (a late machine makes
+      # them hold more), so the rest of the process is told on its own.
+      bo = base - bbuf * 1024; lo = last - lbuf * 1024
+      printf "  resident beside the frame buffers: %d KB -> %d KB (%+.2f %%)\n", bo, lo, 100 * (lo - bo) / bo
+      printf "  machine load (1-minute average) over that time: mean %.2f, peak %.2f\n", load / n, pload
       exit (100 * (last - base) / base < 1 && lthr <= bthr && lfds <= bfds) ? 0 : 3
     }' "$work/samples.txt"
 }
