@@ -180,9 +180,19 @@ TEST_F(MemCheckerTest, PagesBlocksGrowInPlaceShrinkToZeroAndSurviveARefusal) {
   p_lv[5000] = 1;
   ASSERT_EQ(1, SAFE_MEM_PAGES_REALLOCB4(p_lv, 5000, 9000, 30));
   EXPECT_EQ(0, p_lv[5000]);
-  SAFE_MEM_PAGES_FREE(p_lv, 9000);
+  // One whose size word lost its entry's size stays where the scan reads it;
+  // its bytes move to a fresh block.
+  unsigned char* pb_old_lv = BlockOf(p_lv);
+  p_lv[8999] = 7;
+  SetWord(pb_old_lv, 8, 100);
+  ASSERT_EQ(1, SAFE_MEM_PAGES_REALLOCB4(p_lv, 9000, 20000, 30));
+  EXPECT_NE(pb_old_lv, BlockOf(p_lv));
+  EXPECT_EQ(MEM_PREFIX_WORD, Word(pb_old_lv, 0));
+  EXPECT_EQ(7, p_lv[8999]);
+  SAFE_MEM_PAGES_FREE(p_lv, 20000);
   EXPECT_EQ(nullptr, p_lv);
-  EXPECT_EQ(0, m_p->m_i64_memcounter);
+  EXPECT_EQ(9000 - 100, m_p->m_i64_memcounter);  // the entry that stays
+  PlPagesFree(pb_old_lv, 9000 + MEM_EXTRA_SIZE);
 }
 
 TEST_F(MemCheckerTest, FullBaseElementGrowsToBaseOneAndSkipsItsEntryZero) {
