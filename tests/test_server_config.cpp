@@ -2,6 +2,7 @@
 // give: what a person types or writes and what the plug-in is told back.
 #include "host/server/srv_config.h"
 #include "host/server/srv_media.h"
+#include "include/host/archive_api.h"
 #include "host/server/srv_tracks.h"
 
 #include <cstring>
@@ -121,6 +122,11 @@ TEST(ServerConfig, BadCameraFilesAreRefusedWithAMessageNamingTheFault) {
       {"{\"cameras\":[" + Camera("a", R"("source":{"width":-640},)") + "]}", "\"width\" is out of range"},
       {"{\"cameras\":[" + Camera("a", R"("source":{"frame_bytes":1e9},)") + "]}", "wrong type"},
       {"{\"cameras\":[" + Camera("a") + R"(],"write_delay_ms":10000000000})", "\"write_delay_ms\" is a whole number"},
+      {"{\"cameras\":[" + Camera("a") + R"(],"archive_faults":[1]})", "\"archive_faults\" is not an object"},
+      {"{\"cameras\":[" + Camera("a") + R"(],"archive_faults":{"fail_one_in":-3}})", "\"fail_one_in\" is a whole number"},
+      {"{\"cameras\":[" + Camera("a") + R"(],"archive_faults":{"no_write":1}})", "no switch \"no_write\""},
+      {"{\"cameras\":[" + Camera("a", R"("archive_faults":{"refuse_open":1},)") + "]}", "only \"no_write\""},
+      {"{\"cameras\":[" + Camera("a", R"("archive_faults":{"no_write":"all"},)") + "]}", "from 0 to 3"},
       {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"at":-1,"camera":"a","event":5,"action":"start"}]})",
        "\"at\" is out of range"},
       {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"at":1e300,"camera":"a","action":"start_recording"}]})",
@@ -145,8 +151,9 @@ TEST(ServerConfig, CameraFileGivesTracksArchiveKeysCalendarAndScript) {
   std::string text = "{\"cameras\":[" + Camera("a", R"("source":{"type":"h264","file":"clips/a.h264","fps":12.5},)") +
                      "," +
                      R"({"name":"b","id":"cam-b","config":{"common":{"key1":"h","key2":"b","key3":"k3","key4":"d"},)"
-                     R"("archive":{"writer":{"in":{"_value":"s"},"by_events":{"_value":true},"arc_key1":{"_value":"X"}}}}})"
-                     R"(],"holidays":["january_1","may_9"],"working_weekends":["june_6"],)"
+                     R"("archive":{"writer":{"in":{"_value":"s"},"by_events":{"_value":true},"arc_key1":{"_value":"X"},)"
+                     R"("only_key_frame":{"_value":true}}}},"archive_faults":{"no_write":3}})"
+                     R"(],"archive_faults":{"fail_one_in":4},"holidays":["january_1","may_9"],"working_weekends":["june_6"],)"
                      R"("events":[{"at":0.5,"camera":"b","event":20001,"action":"start"},)"
                      R"({"at":2,"camera":"b","event":20001,"stop_event":20101,"action":"stop","guid":"{g}"}],)"
                      R"("archive":{"segment_max_seconds":60}})";
@@ -168,6 +175,12 @@ TEST(ServerConfig, CameraFileGivesTracksArchiveKeysCalendarAndScript) {
   EXPECT_EQ("d", b.m_s_arc_keys[3]);
   EXPECT_TRUE(b.m_b_by_events);
   EXPECT_FALSE(b.m_b_must_record);
+  EXPECT_TRUE(b.m_b_only_key_frame && !a.m_b_only_key_frame);
+  ASSERT_EQ(1u, b.m_archive_faults.size());
+  EXPECT_EQ(ARCHIVE_FAULT_NO_WRITE, b.m_archive_faults[0].m_i_fault);
+  EXPECT_EQ(3, b.m_archive_faults[0].m_i64_value);
+  ASSERT_EQ(1u, s.m_archive_faults.size());
+  EXPECT_EQ(ARCHIVE_FAULT_FAIL_ONE_IN, s.m_archive_faults[0].m_i_fault);
   ASSERT_EQ(2u, s.m_events.size());
   EXPECT_EQ(20002, s.m_events[0].m_i_stop_event);
   EXPECT_FALSE(s.m_events[1].m_b_start);
