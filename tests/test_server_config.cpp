@@ -1,5 +1,7 @@
 // The server's command line, cameras file and the answers its host tracks
-// give: what a person types or writes and what the plug-in is told back.
+// give: what a person types or writes and what the plug-in is told back;
+// and how a frame's fate is named from what the plug-in did with it.
+#include "host/server/srv_account.h"
 #include "host/server/srv_config.h"
 #include "host/server/srv_media.h"
 #include "include/host/archive_api.h"
@@ -314,6 +316,51 @@ TEST(ServerConfig, ForcedCommandsOfTheScriptGoOutAsAnApiClientSendsThem) {
   EXPECT_EQ((std::vector<std::string>{"start_recording id=door-1 5", "stop_recording id=door-1",
                                       "start_recording id=nobody"}),
             heard);
+}
+
+// What the plug-in did during a delivery names the frame's fate: a passed
+// frame was asked about readiness before it was passed over; both channels
+// say "data not correct" of a bad frame; a wanted frame dropped without a
+// word is named only when the frame or the camera explains it.
+TEST(ServerAccount, EachDeliveryIsNamedByWhatThePluginDidDuringIt) {
+  SrvDelivery d;
+  d.m_i_need = 2;
+  EXPECT_EQ(-1, SrvClassifyDelivery(d));
+  d.m_b_key_wait_possible = true;
+  EXPECT_EQ(SRV_PUT_KEY_WAIT, SrvClassifyDelivery(d));
+  d.m_b_key = true;
+  EXPECT_EQ(-1, SrvClassifyDelivery(d));
+  d.m_b_empty = true;
+  EXPECT_EQ(SRV_PUT_NO_DATA, SrvClassifyDelivery(d));
+  d.m_i_need = 0;
+  EXPECT_EQ(SRV_PUT_NOT_WANTED, SrvClassifyDelivery(d));
+  d.m_lines[SRV_LINE_BAD_DATA] = 2;
+  EXPECT_EQ(SRV_PUT_BAD_DATA, SrvClassifyDelivery(d));
+  d.m_lines[SRV_LINE_BEFORE_KEY] = 1;
+  EXPECT_EQ(SRV_PUT_BEFORE_KEY, SrvClassifyDelivery(d));
+  d.m_i64_not_ready = 1;
+  EXPECT_EQ(SRV_PUT_NOT_READY, SrvClassifyDelivery(d));
+  d.m_i64_ready = 1;
+  EXPECT_EQ(SRV_PUT_ENTERED, SrvClassifyDelivery(d));
+  d.m_lines[SRV_LINE_PASS] = 1;
+  EXPECT_EQ(SRV_PUT_PASSED_OVER, SrvClassifyDelivery(d));
+
+  // The summary's sum: what entered and was never asked about is still
+  // buffered, and the ring's late writes come out of what it kept.
+  SrvFrameAccount acc;
+  acc.m_i64_sent = 10;
+  acc.m_put[SRV_PUT_NOT_WANTED] = 1;
+  acc.m_put[SRV_PUT_ENTERED] = 9;
+  acc.m_get.asked = 8;
+  acc.m_get.no_write = 1;
+  acc.m_get.held = 4;
+  acc.m_get.stored = 3;
+  acc.m_get.later_stored = 2;
+  EXPECT_EQ(1, acc.StillBuffered());
+  EXPECT_EQ(2, acc.RingUnwritten());
+  EXPECT_EQ(0, acc.Unaccounted());
+  acc.m_i64_sent = 11;
+  EXPECT_EQ(1, acc.Unaccounted());
 }
 
 }  // namespace
