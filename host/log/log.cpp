@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -53,6 +54,9 @@ struct CountTable {
   std::string m_texts[LOG_COUNT_TEXTS_MAX];
 };
 std::atomic<const CountTable*> g_p_count_table{nullptr};
+// Every table made, kept until the library goes: a writer may still read an
+// earlier one. Taken with g_lock.
+std::vector<std::unique_ptr<CountTable>> g_count_tables;
 thread_local int64_t t_counts[LOG_COUNT_TEXTS_MAX] = {};
 
 // Counts a line handed over with its text, written or not: the counts tell
@@ -264,7 +268,8 @@ LOG_EXPORT int32_t log_count_texts(const char* const* texts_av, int32_t i_count_
   p_table_lv->m_i_count = 0;
   for (int32_t i_lv = 0; i_lv < i_count_av; i_lv++)
     if (texts_av[i_lv] != nullptr && texts_av[i_lv][0] != 0) p_table_lv->m_texts[p_table_lv->m_i_count++] = texts_av[i_lv];
-  // An earlier table may still be read by a writer: it is left, not freed.
+  std::lock_guard<std::mutex> guard_lv(g_lock);
+  g_count_tables.emplace_back(p_table_lv);
   g_p_count_table.store(p_table_lv, std::memory_order_release);
   return p_table_lv->m_i_count;
 }
