@@ -428,6 +428,88 @@ TEST_F(ArchiveTest, LibrarySwitchesReadinessStorageMarkingNoWriteAndOpen) {
   EXPECT_EQ(ARCHIVE_E_BAD_ARG, L.fault(99, -1, 1));
 }
 
+// A channel asks its question and then, on its own thread, makes sure of
+// its session and writes: so each question is settled by what that thread
+// did before the channel's next one, and a write with no question of its
+// own is the pre-event ring's, handing on an older frame.
+TEST_F(ArchiveTest, EachFrameAskedAboutIsSettledByWhatItsChannelDidNext) {
+  Keys keys_lv("door");
+  L.AddCameraInfo(keys_lv.m_keys, 77, 2, 54, 1, 1, 100);
+  int64_t i64_id_lv = 0;
+  ASSERT_EQ(0, L.camera_id(keys_lv.Folder().c_str(), &i64_id_lv));
+  EXPECT_EQ(77, i64_id_lv);
+  EXPECT_EQ(-1, L.camera_id("srv_nobody_main", &i64_id_lv));
+  std::vector<uint8_t> block_lv = MakeBlock(true, 0x1000, 10, "frame");
+  auto write = [&](int32_t i_handle_av) {
+    return L.WriteDataForTime(i_handle_av, block_lv.data(), static_cast<int32_t>(block_lv.size()), 35, 10);
+  };
+  EXPECT_EQ(0, L.GetParamsByType(77, -1, 85));
+  int32_t i_handle_lv = Open(keys_lv, 77);
+  EXPECT_EQ(0, write(i_handle_lv));  // stored after its question
+  L.fault(ARCHIVE_FAULT_REFUSE_OPEN, -1, 1);
+  L.GetParamsByType(77, -1, 85);
+  int32_t i_refused_lv = -1;
+  L.GetHandleForWrite(&i_refused_lv, 11, 22, 77, keys_lv.m_keys, 1, 54, 1, 100);  // no session
+  L.fault(ARCHIVE_FAULT_REFUSE_OPEN, -1, 0);
+  L.GetParamsByType(77, -1, 85);  // nothing at all, as in the pause after a refused open: no session
+  L.GetParamsByType(77, -1, 85);
+  L.GetParamsByTypeReqWrite(-1, 29);
+  EXPECT_EQ(1, L.GetParamsByTypeReqWrite(i_handle_lv, 29));  // a session and no write: the ring took it
+  L.GetParamsByType(77, -1, 85);
+  L.GetParamsByTypeReqWrite(i_handle_lv, 29);
+  L.fault(ARCHIVE_FAULT_FAIL_ONE_IN, -1, 3);  // the session's third write fails
+  EXPECT_EQ(0, write(i_handle_lv));          // its own write
+  EXPECT_EQ(ARCHIVE_E_IO, write(i_handle_lv));  // the ring's
+  L.fault(ARCHIVE_FAULT_CLEAR_ALL, -1, 0);
+  L.fault(ARCHIVE_FAULT_NO_WRITE, 77, 1);
+  EXPECT_EQ(1, L.GetParamsByType(77, -1, 85));
+  EXPECT_EQ(0, L.GetParamsByType(77, -1, 107));  // the audio channel on this thread now
+  L.fault(ARCHIVE_FAULT_REFUSE_WRITES, -1, 1);
+  EXPECT_EQ(ARCHIVE_E_REFUSED,
+            L.WriteDataForTime(i_handle_lv, block_lv.data(), static_cast<int32_t>(block_lv.size()), 65, 10));
+  L.GetParamsByType(77, -1, 107);
+  L.GetParamsByTypeReqWrite(i_handle_lv, 29);  // the last question: with a session, not settled yet
+
+  // Channels stay listed, so that others of earlier tests come first.
+  auto channel = [&](int32_t i_kind_av) {
+    ArchiveChannelStats st_lv;
+    for (int32_t i_lv = 0; L.channel_stats(i_lv, &st_lv) == 0; i_lv++)
+      if (st_lv.camera_id == 77 && st_lv.kind == i_kind_av) return st_lv;
+    ADD_FAILURE() << "no channel of kind " << i_kind_av;
+    return st_lv;
+  };
+  ArchiveChannelStats video_lv = channel(1), audio_lv = channel(2);
+  EXPECT_EQ(keys_lv.Folder(), video_lv.camera_folder);
+  EXPECT_EQ(1, video_lv.kind);
+  EXPECT_EQ(6, video_lv.asked);
+  EXPECT_EQ(1, video_lv.no_write);
+  EXPECT_EQ(2, video_lv.no_session);
+  EXPECT_EQ(1, video_lv.held);
+  EXPECT_EQ(2, video_lv.stored);
+  EXPECT_EQ(1, video_lv.later_failed);
+  EXPECT_EQ(0, video_lv.pending);
+  EXPECT_EQ(2, audio_lv.kind);
+  EXPECT_EQ(2, audio_lv.asked);
+  EXPECT_EQ(1, audio_lv.refused);
+  EXPECT_EQ(2, audio_lv.pending);
+  EXPECT_EQ(8, Stats().frames_asked);
+
+  // The readiness answers count for the thread that asks.
+  ArchiveThreadCounts before_lv, after_lv;
+  L.thread_counts(&before_lv);
+  L.GetParamsByType(-1, -1, 34);
+  L.fault(ARCHIVE_FAULT_NOT_READY_MS, -1, -1);
+  L.GetParamsByType(-1, -1, 34);
+  L.GetParamsByType(-1, -1, 84);
+  std::thread([&] { L.GetParamsByType(-1, -1, 34); }).join();
+  L.thread_counts(&after_lv);
+  EXPECT_EQ(1, after_lv.ready_answers - before_lv.ready_answers);
+  EXPECT_EQ(1, after_lv.not_ready_answers - before_lv.not_ready_answers);
+  L.reset();
+  video_lv = channel(1);
+  EXPECT_EQ(0, video_lv.asked + video_lv.stored);
+}
+
 TEST_F(ArchiveTest, BadConfigurationIsRefusedAndTheOldOneStays) {
   ASSERT_EQ(0, Configure(", \"max_buffers_bytes\": 777"));
   const char* pp_bad_lv[] = {"{\"root\": ", "[1, 2]", "{\"segment_max_bytes\": \"big\"}", "{\"no_such_key\": 1}",

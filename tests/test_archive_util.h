@@ -42,6 +42,9 @@ struct ArchiveLib {
   decltype(&archive_last_set) last_set = nullptr;
   decltype(&archive_last_set_session) last_set_session = nullptr;
   decltype(&archive_call_log) call_log = nullptr;
+  decltype(&archive_thread_counts) thread_counts = nullptr;
+  decltype(&archive_get_channel_stats) channel_stats = nullptr;
+  decltype(&archive_camera_id) camera_id = nullptr;
 
   template <typename T>
   void Sym(T* p_av, const char* s_name_av) {
@@ -58,6 +61,9 @@ struct ArchiveLib {
     Sym(&GetHandleForWrite, "GetHandleForWrite");
     Sym(&CloseHandleWrite, "CloseHandleWrite");
     Sym(&GetParamsByType, "GetParamsByType");
+    Sym(&thread_counts, "archive_thread_counts");
+    Sym(&channel_stats, "archive_get_channel_stats");
+    Sym(&camera_id, "archive_camera_id");
     Sym(&SetParamsByType, "SetParamsByType");
     Sym(&GetParamsByTypeReqWrite, "GetParamsByTypeReqWrite");
     Sym(&SetParamsByTypeReqWrite, "SetParamsByTypeReqWrite");

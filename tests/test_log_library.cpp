@@ -176,6 +176,48 @@ TEST_F(LogLibraryTest, ConfigurationFileSetsThresholdsAndReportsBadLines) {
   EXPECT_EQ(g_lib.get_level(arc), 5000);
 }
 
+// A host learns what a plug-in reported during one of its calls from the
+// counts of its own thread: lines handed with their text count whatever the
+// threshold keeps; a line handed without text cannot, and the peak of the
+// threshold tells the host when that may have happened.
+TEST_F(LogLibraryTest, CountsLinesByLeadingTextPerThreadWhateverTheThreshold) {
+  auto count_texts = reinterpret_cast<LogCountTextsFn>(dlsym(g_handle, "log_count_texts"));
+  auto thread_counts = reinterpret_cast<LogThreadCountsFn>(dlsym(g_handle, "log_thread_counts"));
+  auto peak = reinterpret_cast<LogLevelPeakFn>(dlsym(g_handle, "log_level_peak"));
+  ASSERT_TRUE(count_texts != nullptr && thread_counts != nullptr && peak != nullptr);
+  const char* texts[] = {"<error3> pass", "<root>first", ""};
+  EXPECT_EQ(2, count_texts(texts, 3));  // an empty text is no text
+  EXPECT_EQ(-1, count_texts(texts, LOG_COUNT_TEXTS_MAX + 1));
+  uint64_t arc = Open("arc");
+  int64_t before[2] = {0, 0}, after[2] = {0, 0};
+  ASSERT_EQ(2, thread_counts(before, 2));
+  Write(arc, 40000, "<error3> pass over %d", 1);
+  Write(arc, 1, "<error3> pass, below the threshold");
+  Write(arc, 5000, nullptr);
+  Write(arc, 5000, "<root>first key");
+  Write(arc, 5000, " <root>first: not at the start");
+  Write(0, 5000, "<root>first, no logger");
+  std::thread other([&] {
+    Write(arc, 40000, "<error3> pass of another thread");
+    int64_t mine[2] = {0, 0};
+    thread_counts(mine, 2);
+    EXPECT_EQ(1, mine[0]);
+  });
+  other.join();
+  thread_counts(after, 2);
+  EXPECT_EQ(2, after[0] - before[0]);
+  EXPECT_EQ(1, after[1] - before[1]);
+
+  EXPECT_EQ(5000, peak("arc"));
+  g_lib.set_level("arc", 40000);
+  g_lib.set_level("arc", 5000);
+  EXPECT_EQ(40000, peak("arc")) << "lines below 40000 may have been dropped meanwhile";
+  EXPECT_EQ(0, g_lib.configure(m_dir.c_str(), nullptr));
+  EXPECT_EQ(5000, peak("arc"));
+  EXPECT_GT(peak("arc.trace"), 20000);
+  EXPECT_EQ(0, count_texts(nullptr, 0));
+}
+
 TEST_F(LogLibraryTest, WithoutFolderWritesNowhereAndSaysSoOnce) {
   uint64_t arc = Open("arc");
   ASSERT_EQ(g_lib.configure(nullptr, nullptr), 0);

@@ -1,7 +1,10 @@
 // The server's command line, cameras file and the answers its host tracks
-// give: what a person types or writes and what the plug-in is told back.
+// give: what a person types or writes and what the plug-in is told back;
+// and how a frame's fate is named from what the plug-in did with it.
+#include "host/server/srv_account.h"
 #include "host/server/srv_config.h"
 #include "host/server/srv_media.h"
+#include "include/host/archive_api.h"
 #include "host/server/srv_tracks.h"
 
 #include <cstring>
@@ -121,6 +124,11 @@ TEST(ServerConfig, BadCameraFilesAreRefusedWithAMessageNamingTheFault) {
       {"{\"cameras\":[" + Camera("a", R"("source":{"width":-640},)") + "]}", "\"width\" is out of range"},
       {"{\"cameras\":[" + Camera("a", R"("source":{"frame_bytes":1e9},)") + "]}", "wrong type"},
       {"{\"cameras\":[" + Camera("a") + R"(],"write_delay_ms":10000000000})", "\"write_delay_ms\" is a whole number"},
+      {"{\"cameras\":[" + Camera("a") + R"(],"archive_faults":[1]})", "\"archive_faults\" is not an object"},
+      {"{\"cameras\":[" + Camera("a") + R"(],"archive_faults":{"fail_one_in":-3}})", "\"fail_one_in\" is a whole number"},
+      {"{\"cameras\":[" + Camera("a") + R"(],"archive_faults":{"no_write":1}})", "no switch \"no_write\""},
+      {"{\"cameras\":[" + Camera("a", R"("archive_faults":{"refuse_open":1},)") + "]}", "only \"no_write\""},
+      {"{\"cameras\":[" + Camera("a", R"("archive_faults":{"no_write":"all"},)") + "]}", "from 0 to 3"},
       {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"at":-1,"camera":"a","event":5,"action":"start"}]})",
        "\"at\" is out of range"},
       {"{\"cameras\":[" + Camera("a") + R"(],"events":[{"at":1e300,"camera":"a","action":"start_recording"}]})",
@@ -145,8 +153,9 @@ TEST(ServerConfig, CameraFileGivesTracksArchiveKeysCalendarAndScript) {
   std::string text = "{\"cameras\":[" + Camera("a", R"("source":{"type":"h264","file":"clips/a.h264","fps":12.5},)") +
                      "," +
                      R"({"name":"b","id":"cam-b","config":{"common":{"key1":"h","key2":"b","key3":"k3","key4":"d"},)"
-                     R"("archive":{"writer":{"in":{"_value":"s"},"by_events":{"_value":true},"arc_key1":{"_value":"X"}}}}})"
-                     R"(],"holidays":["january_1","may_9"],"working_weekends":["june_6"],)"
+                     R"("archive":{"writer":{"in":{"_value":"s"},"by_events":{"_value":true},"arc_key1":{"_value":"X"},)"
+                     R"("only_key_frame":{"_value":true}}}},"archive_faults":{"no_write":3}})"
+                     R"(],"archive_faults":{"fail_one_in":4},"holidays":["january_1","may_9"],"working_weekends":["june_6"],)"
                      R"("events":[{"at":0.5,"camera":"b","event":20001,"action":"start"},)"
                      R"({"at":2,"camera":"b","event":20001,"stop_event":20101,"action":"stop","guid":"{g}"}],)"
                      R"("archive":{"segment_max_seconds":60}})";
@@ -168,6 +177,12 @@ TEST(ServerConfig, CameraFileGivesTracksArchiveKeysCalendarAndScript) {
   EXPECT_EQ("d", b.m_s_arc_keys[3]);
   EXPECT_TRUE(b.m_b_by_events);
   EXPECT_FALSE(b.m_b_must_record);
+  EXPECT_TRUE(b.m_b_only_key_frame && !a.m_b_only_key_frame);
+  ASSERT_EQ(1u, b.m_archive_faults.size());
+  EXPECT_EQ(ARCHIVE_FAULT_NO_WRITE, b.m_archive_faults[0].m_i_fault);
+  EXPECT_EQ(3, b.m_archive_faults[0].m_i64_value);
+  ASSERT_EQ(1u, s.m_archive_faults.size());
+  EXPECT_EQ(ARCHIVE_FAULT_FAIL_ONE_IN, s.m_archive_faults[0].m_i_fault);
   ASSERT_EQ(2u, s.m_events.size());
   EXPECT_EQ(20002, s.m_events[0].m_i_stop_event);
   EXPECT_FALSE(s.m_events[1].m_b_start);
@@ -301,6 +316,51 @@ TEST(ServerConfig, ForcedCommandsOfTheScriptGoOutAsAnApiClientSendsThem) {
   EXPECT_EQ((std::vector<std::string>{"start_recording id=door-1 5", "stop_recording id=door-1",
                                       "start_recording id=nobody"}),
             heard);
+}
+
+// What the plug-in did during a delivery names the frame's fate: a passed
+// frame was asked about readiness before it was passed over; both channels
+// say "data not correct" of a bad frame; a wanted frame dropped without a
+// word is named only when the frame or the camera explains it.
+TEST(ServerAccount, EachDeliveryIsNamedByWhatThePluginDidDuringIt) {
+  SrvDelivery d;
+  d.m_i_need = 2;
+  EXPECT_EQ(-1, SrvClassifyDelivery(d));
+  d.m_b_key_wait_possible = true;
+  EXPECT_EQ(SRV_PUT_KEY_WAIT, SrvClassifyDelivery(d));
+  d.m_b_key = true;
+  EXPECT_EQ(-1, SrvClassifyDelivery(d));
+  d.m_b_empty = true;
+  EXPECT_EQ(SRV_PUT_NO_DATA, SrvClassifyDelivery(d));
+  d.m_i_need = 0;
+  EXPECT_EQ(SRV_PUT_NOT_WANTED, SrvClassifyDelivery(d));
+  d.m_lines[SRV_LINE_BAD_DATA] = 2;
+  EXPECT_EQ(SRV_PUT_BAD_DATA, SrvClassifyDelivery(d));
+  d.m_lines[SRV_LINE_BEFORE_KEY] = 1;
+  EXPECT_EQ(SRV_PUT_BEFORE_KEY, SrvClassifyDelivery(d));
+  d.m_i64_not_ready = 1;
+  EXPECT_EQ(SRV_PUT_NOT_READY, SrvClassifyDelivery(d));
+  d.m_i64_ready = 1;
+  EXPECT_EQ(SRV_PUT_ENTERED, SrvClassifyDelivery(d));
+  d.m_lines[SRV_LINE_PASS] = 1;
+  EXPECT_EQ(SRV_PUT_PASSED_OVER, SrvClassifyDelivery(d));
+
+  // The summary's sum: what entered and was never asked about is still
+  // buffered, and the ring's late writes come out of what it kept.
+  SrvFrameAccount acc;
+  acc.m_i64_sent = 10;
+  acc.m_put[SRV_PUT_NOT_WANTED] = 1;
+  acc.m_put[SRV_PUT_ENTERED] = 9;
+  acc.m_get.asked = 8;
+  acc.m_get.no_write = 1;
+  acc.m_get.held = 4;
+  acc.m_get.stored = 3;
+  acc.m_get.later_stored = 2;
+  EXPECT_EQ(1, acc.StillBuffered());
+  EXPECT_EQ(2, acc.RingUnwritten());
+  EXPECT_EQ(0, acc.Unaccounted());
+  acc.m_i64_sent = 11;
+  EXPECT_EQ(1, acc.Unaccounted());
 }
 
 }  // namespace

@@ -315,7 +315,9 @@ TEST_F(HttpTest, MetricsPassPromtoolAndCountPerCameraAndMedium) {
   std::smatch m;
   ASSERT_TRUE(std::regex_search(r->body, m, std::regex(R"(writer_frames_sent_total\{camera="yard",medium="video"\} (\d+))")));
   EXPECT_GT(std::stoll(m[1]), 0);
-  for (const char* family : {"writer_frames_wanted_total", "writer_frames_passed_over_total", "writer_buffer_memory_bytes",
+  for (const char* family : {"writer_frames_wanted_total", "writer_frames_passed_over_total{camera=\"yard\",medium=\"video\"}",
+                             "writer_frames_dropped_total{camera=\"door\",medium=\"audio\",rule=\"no_session\"}",
+                             "writer_buffer_memory_bytes",
                              "archive_write_seconds_bucket{le=\"+Inf\"}", "archive_write_seconds_count",
                              "archive_sessions_opened_total", "archive_sessions_refused_total",
                              "writer_liveness_silences_total", "writer_source_reconnects_total{camera=\"door\"}"})

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "host/archive/arc_account.h"
 #include "host/archive/arc_session.h"
 #include "platform/pl_clock.h"
 
@@ -128,6 +129,7 @@ ARC_EXPORT const char* archive_last_error(void) {
 
 ARC_EXPORT void archive_reset(void) {
   CloseAllSessions();
+  AccountReset();
   ArcGlobal& g_lv = Global();
   std::lock_guard<std::mutex> lock_lv(g_lv.m_mutex);
   ClearFaultsLocked(&g_lv);
@@ -176,7 +178,8 @@ ARC_EXPORT int32_t archive_get_stats(ArchiveStats* out) {
   ArcGlobal& g_lv = Global();
   *out = ArchiveStats{g_lv.m_i64_sessions_opened, g_lv.m_i64_sessions_closed, g_lv.m_i64_opens_refused,
                       g_lv.m_i64_frames,          g_lv.m_i64_bytes,           g_lv.m_i64_refused,
-                      g_lv.m_i64_failed,          g_lv.m_i64_segments_created, g_lv.m_i64_segments_deleted};
+                      g_lv.m_i64_failed,          g_lv.m_i64_segments_created, g_lv.m_i64_segments_deleted,
+                      AccountAskedTotal()};
   return 0;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "host/archive/arc_account.h"
 #include "host/archive/arc_format.h"
 #include "host/archive/arc_session.h"
 #include "platform/pl_clock.h"
@@ -277,8 +278,9 @@ ARC_EXPORT int32_t dll_free2(int32_t) {
 
 namespace {
 
-int32_t WriteFrame(int32_t handle, const void* data, int32_t size, int32_t type, int64_t time) {
+int32_t WriteFrame(int32_t handle, const void* data, int32_t size, int32_t type, int64_t time, int64_t* p_camera_av) {
   std::shared_ptr<ArcSession> p_session_lv = FindSession(handle);
+  *p_camera_av = p_session_lv ? p_session_lv->m_i64_id3 : -1;
   if (!p_session_lv || p_session_lv->m_b_open == 0) return Refuse(p_session_lv.get(), ARCHIVE_E_BAD_HANDLE);
   if (p_session_lv->m_b_alive == 0) return Refuse(p_session_lv.get(), ARCHIVE_E_ENDED);
   // A time before 1601 is no file time: the reader could not order it.
@@ -323,8 +325,10 @@ int32_t WriteFrame(int32_t handle, const void* data, int32_t size, int32_t type,
 // writer's thread as much as a slow write.
 ARC_EXPORT int32_t WriteDataForTime(int32_t handle, const void* data, int32_t size, int32_t type, int64_t time) {
   int64_t i64_start_lv = PlPerfCounter();
-  int32_t i_result_lv = WriteFrame(handle, data, size, type, time);
+  int64_t i64_camera_lv = -1;
+  int32_t i_result_lv = WriteFrame(handle, data, size, type, time, &i64_camera_lv);
   AddWriteLatency((PlPerfCounter() - i64_start_lv) * 1000000 / PlPerfFrequency());
+  AccountWrite(i64_camera_lv, TypeIsAudio(static_cast<uint32_t>(type)) ? KIND_AUDIO : KIND_VIDEO, i_result_lv);
   return i_result_lv;
 }
 
@@ -335,6 +339,7 @@ ARC_EXPORT int32_t GetHandleForWrite(int32_t* out_handle, int64_t id1, int64_t i
   int32_t i_result_lv =
       out_handle == nullptr ? ARCHIVE_E_BAD_ARG : OpenSession(&i_handle_lv, id1, id2, id3, keys, storage_id, type_id);
   if (i_result_lv == 0) *out_handle = i_handle_lv;
+  AccountSession(i_result_lv == 0);
   ArcGlobal& g_lv = Global();
   if (i_result_lv != 0) g_lv.m_i64_opens_refused++;
   std::lock_guard<std::mutex> lock_lv(g_lv.m_mutex);
@@ -363,13 +368,19 @@ ARC_EXPORT int32_t CloseHandleWrite(int32_t handle) {
 ARC_EXPORT int64_t GetParamsByType(int64_t id, int32_t, int32_t code) {
   ArcGlobal& g_lv = Global();
   switch (code) {
-    case 34:
+    case 34: {
+      int64_t i64_ready_lv = static_cast<int64_t>(PlFileTimeUtc()) >= g_lv.m_i64_not_ready_until.load() ? 1 : 0;
+      AccountReadyAnswer(i64_ready_lv);
+      return i64_ready_lv;
+    }
     case 84:
       return static_cast<int64_t>(PlFileTimeUtc()) >= g_lv.m_i64_not_ready_until.load() ? 1 : 0;
     case 85:
-      return NoWrite(id, 1);
-    case 107:
-      return NoWrite(id, 2);
+    case 107: {
+      int64_t i64_no_lv = NoWrite(id, code == 85 ? 1 : 2);
+      AccountQuestion(id, code == 85 ? KIND_VIDEO : KIND_AUDIO, i64_no_lv);
+      return i64_no_lv;
+    }
     case 110:
       return static_cast<int64_t>(PlFileTimeUtc() / static_cast<uint64_t>(g_lv.m_i64_slot_ticks.load()) %
                                   static_cast<uint64_t>(g_lv.m_i64_slot_count.load()));
@@ -400,6 +411,7 @@ ARC_EXPORT int32_t SetParamsByType(int32_t code, int64_t id, int64_t value) {
 
 ARC_EXPORT int64_t GetParamsByTypeReqWrite(int32_t handle, int32_t code) {
   std::shared_ptr<ArcSession> p_session_lv = FindSession(handle);
+  if (code == 29) AccountSession(p_session_lv && p_session_lv->m_b_open != 0 && p_session_lv->m_b_alive != 0);
   if (!p_session_lv) return 0;
   switch (code) {
     case 10:
@@ -438,8 +450,9 @@ ARC_EXPORT int64_t SetParamsByTypeReqWrite(int32_t handle, int32_t code, int64_t
   return 1;
 }
 
-ARC_EXPORT int32_t AddCameraInfo(const ArchiveKey*, int64_t id3, int64_t, uint32_t, int32_t, int32_t,
+ARC_EXPORT int32_t AddCameraInfo(const ArchiveKey* keys, int64_t id3, int64_t, uint32_t, int32_t, int32_t,
                                  int64_t type_id) {
+  AccountCamera(keys, id3);
   ArcGlobal& g_lv = Global();
   std::lock_guard<std::mutex> lock_lv(g_lv.m_mutex);
   RecordCallLocked(&g_lv, ARCHIVE_CALL_ADD_CAMERA, 0, -1, id3, type_id);

@@ -8,6 +8,8 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -41,6 +43,32 @@ LogThresholds g_thresholds;
 bool g_b_thresholds_ready = false;
 std::string g_s_folder;
 std::atomic<bool> g_b_told_no_folder{false};
+// The highest threshold each logger name has had since the last
+// log_configure, beside the one in force; taken with g_lock.
+std::map<std::string, int64_t> g_peaks;
+
+// Leading texts whose lines are counted per thread (log_count_texts). A
+// table is never changed once published, so writers read it without a lock.
+struct CountTable {
+  int32_t m_i_count;
+  std::string m_texts[LOG_COUNT_TEXTS_MAX];
+};
+std::atomic<const CountTable*> g_p_count_table{nullptr};
+// Every table made, kept until the library goes: a writer may still read an
+// earlier one. Taken with g_lock.
+std::vector<std::unique_ptr<CountTable>> g_count_tables;
+thread_local int64_t t_counts[LOG_COUNT_TEXTS_MAX] = {};
+
+// Counts a line handed over with its text, written or not: the counts tell
+// what the caller reported, whatever the thresholds keep.
+void CountLine(const char* s_text_av) {
+  const CountTable* p_table_lv = g_p_count_table.load(std::memory_order_acquire);
+  if (p_table_lv == nullptr) return;
+  for (int32_t i_lv = 0; i_lv < p_table_lv->m_i_count; i_lv++) {
+    const std::string& s_lead_lv = p_table_lv->m_texts[i_lv];
+    if (strncmp(s_text_av, s_lead_lv.c_str(), s_lead_lv.size()) == 0) t_counts[i_lv]++;
+  }
+}
 
 void EnsureThresholdsLocked() {
   if (g_b_thresholds_ready) return;
@@ -158,6 +186,7 @@ LOG_EXPORT void log_vwrite(uint64_t ui64_handle_av, int64_t i64_level_av, int32_
                            int32_t, const char* s_format_av, va_list args_av) {
   TLogger* p_logger_lv = LoggerOf(ui64_handle_av);
   if (p_logger_lv == nullptr || s_format_av == nullptr) return;
+  CountLine(s_format_av);
   if (i64_level_av < p_logger_lv->m_i64_threshold.load(std::memory_order_relaxed)) return;
   std::vector<char> heap_lv;
   char s_stack_lv[LINE_STACK_SIZE];
@@ -198,6 +227,7 @@ LOG_EXPORT int32_t log_configure(const char* s_folder_av, const char* s_config_p
   if (g_s_folder.empty()) g_b_told_no_folder = false;
   LogThresholdsDefaults(&g_thresholds);
   g_b_thresholds_ready = true;
+  g_peaks.clear();
   if (s_config_path_av != nullptr && !LogThresholdsReadFile(&g_thresholds, s_config_path_av)) i_result_lv = -1;
   for (TLogger* p_logger_lv : g_loggers) {
     p_logger_lv->m_i64_threshold = LogThresholdOf(&g_thresholds, p_logger_lv->m_s_name);
@@ -210,6 +240,9 @@ LOG_EXPORT int32_t log_set_level(const char* s_name_av, int64_t i64_threshold_av
   if (s_name_av == nullptr) return 0;
   std::lock_guard<std::mutex> guard_lv(g_lock);
   EnsureThresholdsLocked();
+  int64_t i64_before_lv = LogThresholdOf(&g_thresholds, s_name_av);
+  auto it_peak_lv = g_peaks.find(s_name_av);
+  if (it_peak_lv == g_peaks.end() || it_peak_lv->second < i64_before_lv) g_peaks[s_name_av] = i64_before_lv;
   g_thresholds.m_named[s_name_av] = i64_threshold_av;
   int32_t i_changed_lv = 0;
   for (TLogger* p_logger_lv : g_loggers) {
@@ -218,4 +251,32 @@ LOG_EXPORT int32_t log_set_level(const char* s_name_av, int64_t i64_threshold_av
     i_changed_lv++;
   }
   return i_changed_lv;
+}
+
+LOG_EXPORT int64_t log_level_peak(const char* s_name_av) {
+  if (s_name_av == nullptr) return INT64_MAX;
+  std::lock_guard<std::mutex> guard_lv(g_lock);
+  EnsureThresholdsLocked();
+  int64_t i64_peak_lv = LogThresholdOf(&g_thresholds, s_name_av);
+  auto it_lv = g_peaks.find(s_name_av);
+  return it_lv != g_peaks.end() && it_lv->second > i64_peak_lv ? it_lv->second : i64_peak_lv;
+}
+
+LOG_EXPORT int32_t log_count_texts(const char* const* texts_av, int32_t i_count_av) {
+  if (i_count_av < 0 || i_count_av > LOG_COUNT_TEXTS_MAX || (i_count_av > 0 && texts_av == nullptr)) return -1;
+  CountTable* p_table_lv = new CountTable();
+  p_table_lv->m_i_count = 0;
+  for (int32_t i_lv = 0; i_lv < i_count_av; i_lv++)
+    if (texts_av[i_lv] != nullptr && texts_av[i_lv][0] != 0) p_table_lv->m_texts[p_table_lv->m_i_count++] = texts_av[i_lv];
+  std::lock_guard<std::mutex> guard_lv(g_lock);
+  g_count_tables.emplace_back(p_table_lv);
+  g_p_count_table.store(p_table_lv, std::memory_order_release);
+  return p_table_lv->m_i_count;
+}
+
+LOG_EXPORT int32_t log_thread_counts(int64_t* out_av, int32_t i_count_av) {
+  if (out_av == nullptr || i_count_av < 0) return 0;
+  int32_t i_n_lv = i_count_av < LOG_COUNT_TEXTS_MAX ? i_count_av : LOG_COUNT_TEXTS_MAX;
+  for (int32_t i_lv = 0; i_lv < i_n_lv; i_lv++) out_av[i_lv] = t_counts[i_lv];
+  return i_n_lv;
 }

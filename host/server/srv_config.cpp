@@ -9,6 +9,7 @@
 #include <map>
 #include <sstream>
 
+#include "host/server/srv_account.h"
 #include "host/server/srv_json.h"
 
 const char* const SRV_USAGE =
@@ -307,6 +308,9 @@ bool ReadDocument(yajl_val p_doc_av, const std::string& s_where_av, SrvCamera* p
   const char* by_events_lv[] = {"archive", "writer", "by_events", nullptr};
   yajl_val p_by_lv = yajl_tree_get(p_doc_av, by_events_lv, yajl_t_object);
   p_cam_av->m_b_by_events = p_by_lv != nullptr && YAJL_IS_TRUE(SrvJsonMember(p_by_lv, "_value"));
+  const char* only_key_lv[] = {"archive", "writer", "only_key_frame", nullptr};
+  yajl_val p_only_key_lv = yajl_tree_get(p_doc_av, only_key_lv, yajl_t_object);
+  p_cam_av->m_b_only_key_frame = p_only_key_lv != nullptr && YAJL_IS_TRUE(SrvJsonMember(p_only_key_lv, "_value"));
   return true;
 }
 
@@ -325,6 +329,8 @@ bool ReadCamera(yajl_val p_cam_av, size_t ui_index_av, const std::string& s_base
   p_out_av->m_b_must_record = !p_out_av->m_b_by_events;
   SrvJsonBool(p_cam_av, "must_record", &p_out_av->m_b_must_record, &b_ok_lv);
   if (!b_ok_lv) return *p_error_av = s_where_lv + ": \"must_record\" is true or false", false;
+  if (!SrvReadArchiveFaults(p_cam_av, true, &p_out_av->m_archive_faults, p_error_av))
+    return *p_error_av = s_where_lv + ": " + *p_error_av, false;
   return ReadSource(SrvJsonMember(p_cam_av, "source"), s_where_lv, s_base_dir_av, &p_out_av->m_source, p_error_av);
 }
 
@@ -441,6 +447,8 @@ bool ReadFileSettings(yajl_val p_root_av, SrvSettings* p_out_av, std::string* p_
   if (!b_ok_lv || (b_given_lv && (i64_lv < 0 || i64_lv > 600000)))
     return *p_error_av = "\"write_delay_ms\" is a whole number from 0 to 600000", false;
   if (b_given_lv && p_out_av->m_i_write_delay_ms < 0) p_out_av->m_i_write_delay_ms = static_cast<int>(i64_lv);
+  p_out_av->m_archive_faults.clear();
+  if (!SrvReadArchiveFaults(p_root_av, false, &p_out_av->m_archive_faults, p_error_av)) return false;
   return ReadTextList(p_root_av, "holidays", &p_out_av->m_holidays, p_error_av) &&
          ReadTextList(p_root_av, "working_weekends", &p_out_av->m_working_weekends, p_error_av);
 }

@@ -27,6 +27,12 @@ struct SrvSourceConfig {
   int m_i_audio_frame_ms = 20;
 };
 
+// A fault switch of the archive set for the run (archive_api.h numbers).
+struct SrvArchiveFault {
+  int32_t m_i_fault;
+  int64_t m_i64_value;
+};
+
 struct SrvCamera {
   std::string m_s_name;                // for people and the event script
   std::string m_s_id;                  // answered to "rtsp:list_cameras"
@@ -36,6 +42,8 @@ struct SrvCamera {
   std::string m_s_arc_keys[5];         // what the archive files the camera under
   bool m_b_by_events = false;
   bool m_b_must_record = true;         // the run fails when this camera stored nothing
+  bool m_b_only_key_frame = false;     // the plug-in keeps its key frames only
+  std::vector<SrvArchiveFault> m_archive_faults;  // set for this camera's id once it is open
   SrvSourceConfig m_source;
 
   std::string MediaTrack() const;
@@ -86,6 +94,7 @@ struct SrvSettings {
   std::vector<std::string> m_working_weekends;
   std::vector<SrvEventStep> m_events;
   std::string m_s_file_archive;                 // the file's "archive" object, as JSON
+  std::vector<SrvArchiveFault> m_archive_faults;  // the file's "archive_faults", for the whole run
 };
 
 extern const char* const SRV_USAGE;

@@ -121,17 +121,15 @@ void WaitForEnd(Run* p_av, int64_t i64_start_av) {
 }
 
 // Frames still in the plug-in's buffers are lost when a channel closes:
-// give the writer time to store them, until all are dealt with or nothing
+// give the writer time to take them out, until none is left or nothing
 // moves any more.
 void Drain(Run* p_av) {
   int64_t i64_start_lv = PlPerfCounter(), i64_moved_lv = PlPerfCounter(), i64_last_lv = -1;
   while (SecondsSince(i64_start_lv) < p_av->m_p_settings->m_d_drain_s && g_i_stop_signal == 0) {
-    int64_t i64_written_lv = 0, i64_passes_lv = 0;
-    SrvMonitorRefresh(&p_av->m_monitor, &i64_written_lv, &i64_passes_lv);
-    ArchiveStats st_lv = SrvPluginArchiveStats(&p_av->m_plugin);
-    if (i64_written_lv + i64_passes_lv + st_lv.writes_refused + st_lv.writes_failed >= p_av->m_flow.m_i64_wanted) return;
-    if (i64_written_lv != i64_last_lv) {
-      i64_last_lv = i64_written_lv;
+    int64_t i64_buffered_lv = SrvMonitorBuffered(&p_av->m_monitor);
+    if (i64_buffered_lv <= 0) return;
+    if (i64_buffered_lv != i64_last_lv) {
+      i64_last_lv = i64_buffered_lv;
       i64_moved_lv = PlPerfCounter();
     } else if (SecondsSince(i64_moved_lv) > 1.5) {
       return;
@@ -156,6 +154,7 @@ int Record(Run* p_av) {
          p_av->m_plugin.m_s_fish.size(), set_lv.m_cameras.size(), set_lv.m_s_archive_root.c_str(),
          set_lv.m_s_log_dir.c_str());
   OpenCameras(p_av);
+  SrvPluginApplyFaults(&p_av->m_plugin, set_lv);
   p_av->m_monitor.m_p_settings = p_av->m_p_settings;
   p_av->m_monitor.m_p_plugin = &p_av->m_plugin;
   p_av->m_monitor.m_p_tracks = &p_av->m_tracks;
@@ -197,6 +196,8 @@ int RunServer(SrvSettings* p_settings_av) {
     return EXIT_NO_PLUGIN;
   }
   run_lv.m_flow.m_p_stats = run_lv.m_plugin.m_p_archive_stats;
+  run_lv.m_flow.m_probes.m_p_lines = run_lv.m_plugin.m_p_log_thread_counts;
+  run_lv.m_flow.m_probes.m_p_ready = run_lv.m_plugin.m_p_archive_thread_counts;
   SrvCrashInstall(run_lv.m_plugin.m_p_exception_filter);
   signal(SIGINT, &OnStopSignal);
   signal(SIGTERM, &OnStopSignal);

@@ -7,9 +7,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 
 #include "host/archive/arc_format.h"
+#include "host/server/srv_account.h"
 
 namespace {
 
@@ -93,6 +95,45 @@ void CameraFamilies(const SrvRunView& view_av, std::string* p_out_av) {
   per_camera("writer_source_drops_total", "Times a camera's network stream was lost.", &SrvSourceCounts::m_i64_drops);
 }
 
+// Each frame's fate by its rule, per camera and medium (srv_account.h).
+// Counts that rest on the plug-in's log lines are left out while those
+// lines may not reach the log library.
+void FrameFateFamilies(const SrvRunView& view_av, std::string* p_out_av) {
+  const std::vector<SrvCamera>& cams_lv = view_av.m_p_settings->m_cameras;
+  bool b_lines_lv = SrvPluginLinesCounted(view_av.m_p_plugin);
+  std::vector<ArchiveChannelStats> channels_lv = SrvChannelStats(view_av.m_p_plugin->m_p_archive_channel_stats, false);
+  auto each_lv = [&](const std::function<void(const SrvCamera&, const char*, const SrvFrameAccount&)>& fn_av) {
+    for (size_t ui_lv = 0; ui_lv < cams_lv.size() && ui_lv < view_av.m_sources.size(); ui_lv++)
+      for (int i_medium_lv = 0; i_medium_lv < 2; i_medium_lv++)
+        fn_av(cams_lv[ui_lv], i_medium_lv == 0 ? "video" : "audio",
+              SrvAccountOf(view_av.m_sources[ui_lv]->m_counts.m_put, i_medium_lv, channels_lv,
+                           SrvCameraFolder(cams_lv[ui_lv]), b_lines_lv));
+  };
+  if (b_lines_lv) {
+    Family passed_lv(p_out_av, "writer_frames_passed_over_total", "counter",
+                     "Frames the plug-in passed over: its buffers were full, or a key frame was awaited after a loss.");
+    each_lv([&](const SrvCamera& cam_av, const char* s_medium_av, const SrvFrameAccount& acc_av) {
+      passed_lv.Sample(CameraLabels(cam_av, s_medium_av), acc_av.m_put[SRV_PUT_PASSED_OVER]);
+    });
+  }
+  Family dropped_lv(p_out_av, "writer_frames_dropped_total", "counter",
+                    "Frames sent and not stored, by the rule that dropped them.");
+  each_lv([&](const SrvCamera& cam_av, const char* s_medium_av, const SrvFrameAccount& acc_av) {
+    std::string s_labels_lv = CameraLabels(cam_av, s_medium_av) + ",rule=\"";
+    for (int i_lv = 0; i_lv < SRV_PUT_RULES; i_lv++) {
+      bool b_by_line_lv = i_lv == SRV_PUT_BEFORE_KEY || i_lv == SRV_PUT_BAD_DATA;
+      if (i_lv == SRV_PUT_ENTERED || i_lv == SRV_PUT_PASSED_OVER || (b_by_line_lv && !b_lines_lv)) continue;
+      dropped_lv.Sample(s_labels_lv + SRV_PUT_RULE_NAMES[i_lv] + "\"", acc_av.m_put[i_lv]);
+    }
+    const ArchiveChannelStats& g_lv = acc_av.m_get;
+    const std::pair<const char*, int64_t> get_lv[] = {{"do_not_write", g_lv.no_write},
+                                                      {"no_session", g_lv.no_session},
+                                                      {"write_refused", acc_av.Refused()},
+                                                      {"write_failed", acc_av.Failed()}};
+    for (const auto& item_lv : get_lv) dropped_lv.Sample(s_labels_lv + item_lv.first + "\"", item_lv.second);
+  });
+}
+
 void ArchiveFamilies(SrvPlugin* p_av, std::string* p_out_av) {
   ArchiveStats st_lv = SrvPluginArchiveStats(p_av);
   Family(p_out_av, "archive_writes_total", "counter", "Frames the archive wrote.").Sample("", st_lv.frames_written);
@@ -146,17 +187,7 @@ long long SrvBufferMemory(SrvPlugin* p_av) {
 std::string SrvMetricsText(const SrvRunView& view_av) {
   std::string s_out_lv;
   if (view_av.m_p_settings != nullptr) CameraFamilies(view_av, &s_out_lv);
-  if (view_av.m_p_monitor != nullptr) {
-    int64_t i64_passes_lv;
-    {
-      PlCritLock lock_lv(&view_av.m_p_monitor->m_crit_sect);
-      i64_passes_lv = SrvPassCounterUpdate(&view_av.m_p_monitor->m_passes);
-    }
-    // The plug-in's pass line names no camera: one count for all.
-    Family(&s_out_lv, "writer_frames_passed_over_total", "counter",
-           "Frames the plug-in passed over because its buffers were full.")
-        .Sample("", i64_passes_lv);
-  }
+  if (view_av.m_p_settings != nullptr && view_av.m_p_plugin != nullptr) FrameFateFamilies(view_av, &s_out_lv);
   if (view_av.m_p_plugin != nullptr) {
     long long ll_mem_lv = view_av.m_p_plugin->m_b_initialised ? SrvBufferMemory(view_av.m_p_plugin) : -1;
     if (ll_mem_lv >= 0)

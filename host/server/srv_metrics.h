@@ -1,5 +1,6 @@
 // What a Prometheus server scrapes from writer-host's /metrics: frames sent,
-// taken and stored per camera and medium, frames passed over, the plug-in's
+// taken and stored per camera and medium, frames passed over and dropped by
+// each rule per camera and medium (srv_account.h), the plug-in's
 // buffer memory, the archive's writes with their time as a histogram, its
 // sessions, liveness silences and source reconnects. Read by the HTTP
 // routes (srv_http) from the parts of the run that main made.

@@ -5,7 +5,11 @@
 
 #include <dlfcn.h>
 
+#include <cstdio>
 #include <cstring>
+
+#include "host/server/srv_account.h"
+#include "host/server/srv_metrics.h"
 
 #include "platform/pl_os.h"
 
@@ -27,11 +31,16 @@ void* Open(const std::string& s_path_av, std::string* p_error_av) {
 bool LoadLog(SrvPlugin* p_av, const SrvSettings& settings_av, std::string* p_error_av) {
   std::string s_path_lv = settings_av.m_s_lib_dir + "/liblog.so";
   LogConfigureFn p_configure_lv = nullptr;
+  LogCountTextsFn p_count_lv = nullptr;
   if ((p_av->m_h_log = Open(s_path_lv, p_error_av)) == nullptr ||
-      !Sym(p_av->m_h_log, "log_configure", &p_configure_lv, p_error_av))
+      !Sym(p_av->m_h_log, "log_configure", &p_configure_lv, p_error_av) ||
+      !Sym(p_av->m_h_log, "log_count_texts", &p_count_lv, p_error_av) ||
+      !Sym(p_av->m_h_log, "log_thread_counts", &p_av->m_p_log_thread_counts, p_error_av) ||
+      !Sym(p_av->m_h_log, "log_level_peak", &p_av->m_p_log_level_peak, p_error_av))
     return false;
   if (p_configure_lv(settings_av.m_s_log_dir.c_str(), nullptr) != 0)
     return *p_error_av = "cannot use the log folder " + settings_av.m_s_log_dir, false;
+  p_count_lv(SRV_COUNTED_LINES, SRV_LINE_COUNT);
   core_set_path("log-1", s_path_lv.c_str());
   return true;
 }
@@ -45,6 +54,9 @@ bool LoadArchive(SrvPlugin* p_av, const SrvSettings& settings_av, std::string* p
       !Sym(p_av->m_h_archive, "archive_get_stats", &p_av->m_p_archive_stats, p_error_av) ||
       !Sym(p_av->m_h_archive, "archive_get_stream_stats", &p_av->m_p_archive_stream_stats, p_error_av) ||
       !Sym(p_av->m_h_archive, "archive_get_write_latency", &p_av->m_p_archive_latency, p_error_av) ||
+      !Sym(p_av->m_h_archive, "archive_thread_counts", &p_av->m_p_archive_thread_counts, p_error_av) ||
+      !Sym(p_av->m_h_archive, "archive_get_channel_stats", &p_av->m_p_archive_channel_stats, p_error_av) ||
+      !Sym(p_av->m_h_archive, "archive_camera_id", &p_av->m_p_archive_camera_id, p_error_av) ||
       !SrvArchiveConfig(settings_av, &s_json_lv, p_error_av))
     return false;
   if (p_av->m_p_archive_configure(s_json_lv.c_str()) != 0)
@@ -99,6 +111,26 @@ bool SrvPluginLoad(SrvPlugin* p_av, const SrvSettings& settings_av, std::string*
   PlMkdir(settings_av.m_s_state_dir.c_str());
   return LoadLog(p_av, settings_av, p_error_av) && LoadArchive(p_av, settings_av, p_error_av) &&
          LoadWriter(p_av, settings_av, p_error_av);
+}
+
+void SrvPluginApplyFaults(SrvPlugin* p_av, const SrvSettings& settings_av) {
+  if (p_av->m_p_archive_fault == nullptr) return;
+  // "Not ready" counts from now: the plug-in waits for a ready archive at
+  // open, so the switches come after the cameras are open.
+  for (const SrvArchiveFault& f_lv : settings_av.m_archive_faults) p_av->m_p_archive_fault(f_lv.m_i_fault, -1, f_lv.m_i64_value);
+  for (const SrvCamera& cam_lv : settings_av.m_cameras) {
+    int64_t i64_id_lv = 0;
+    if (cam_lv.m_archive_faults.empty()) continue;
+    if (p_av->m_p_archive_camera_id(SrvCameraFolder(cam_lv).c_str(), &i64_id_lv) != 0) {
+      printf("camera %s: the archive does not know it; its fault switches are not set\n", cam_lv.m_s_name.c_str());
+      continue;
+    }
+    for (const SrvArchiveFault& f_lv : cam_lv.m_archive_faults) p_av->m_p_archive_fault(f_lv.m_i_fault, i64_id_lv, f_lv.m_i64_value);
+  }
+}
+
+bool SrvPluginLinesCounted(SrvPlugin* p_av) {
+  return p_av->m_p_log_level_peak != nullptr && p_av->m_p_log_level_peak("arc") <= SRV_COUNTED_LINES_LEVEL;
 }
 
 bool SrvPluginInit(SrvPlugin* p_av, std::string* p_error_av) {

@@ -26,6 +26,12 @@ struct SrvPlugin {
   decltype(&archive_get_stats) m_p_archive_stats = nullptr;
   decltype(&archive_get_stream_stats) m_p_archive_stream_stats = nullptr;
   decltype(&archive_get_write_latency) m_p_archive_latency = nullptr;
+  // Frame accounting (srv_account.h): the archive's and the log library's.
+  decltype(&archive_thread_counts) m_p_archive_thread_counts = nullptr;
+  decltype(&archive_get_channel_stats) m_p_archive_channel_stats = nullptr;
+  decltype(&archive_camera_id) m_p_archive_camera_id = nullptr;
+  LogThreadCountsFn m_p_log_thread_counts = nullptr;
+  LogLevelPeakFn m_p_log_level_peak = nullptr;
   // The plug-in.
   int32_t (*m_p_dll_init)() = nullptr;
   int32_t (*m_p_dll_free)() = nullptr;
@@ -43,6 +49,12 @@ struct SrvPlugin {
 // write delay switched on when asked) and the plug-in, and tells the bus
 // their paths. False with a message.
 bool SrvPluginLoad(SrvPlugin* p_av, const SrvSettings& settings_av, std::string* p_error_av);
+// The archive's fault switches of the cameras file: the run's, and each
+// open camera's by its id. Called once the cameras are open.
+void SrvPluginApplyFaults(SrvPlugin* p_av, const SrvSettings& settings_av);
+// Whether the plug-in's lines that the accounting counts all reached the
+// log library so far.
+bool SrvPluginLinesCounted(SrvPlugin* p_av);
 // dll_init and the template. False with a message when dll_init fails.
 bool SrvPluginInit(SrvPlugin* p_av, std::string* p_error_av);
 // plugin_open with the camera's document; null when refused.

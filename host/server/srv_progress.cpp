@@ -13,30 +13,6 @@
 #include "host/server/srv_crash.h"
 #include "platform/pl_clock.h"
 
-const char* const SRV_PASS_TAG = "<error3> narusheno usl";
-
-int64_t SrvPassCounterUpdate(SrvPassCounter* p_av) {
-  std::ifstream in_lv(p_av->m_s_path, std::ios::binary);
-  if (!in_lv) return p_av->m_i64_count;
-  in_lv.seekg(0, std::ios::end);
-  int64_t i64_size_lv = static_cast<int64_t>(in_lv.tellg());
-  if (i64_size_lv < p_av->m_i64_offset) p_av->m_i64_offset = 0, p_av->m_s_tail.clear();  // emptied
-  if (i64_size_lv == p_av->m_i64_offset) return p_av->m_i64_count;
-  std::string s_lv(static_cast<size_t>(i64_size_lv - p_av->m_i64_offset), 0);
-  in_lv.seekg(p_av->m_i64_offset);
-  in_lv.read(&s_lv[0], static_cast<std::streamsize>(s_lv.size()));
-  s_lv.resize(static_cast<size_t>(in_lv.gcount()));
-  p_av->m_i64_offset += static_cast<int64_t>(s_lv.size());
-  s_lv = p_av->m_s_tail + s_lv;
-  size_t ui_tag_lv = strlen(SRV_PASS_TAG);
-  for (size_t ui_at_lv = s_lv.find(SRV_PASS_TAG); ui_at_lv != std::string::npos;
-       ui_at_lv = s_lv.find(SRV_PASS_TAG, ui_at_lv + ui_tag_lv))
-    p_av->m_i64_count++;
-  // Keep less than one tag, so that a tag cut by the read counts once.
-  p_av->m_s_tail = s_lv.size() >= ui_tag_lv ? s_lv.substr(s_lv.size() - (ui_tag_lv - 1)) : s_lv;
-  return p_av->m_i64_count;
-}
-
 namespace {
 
 double SecondsSince(int64_t i64_perf_av) {
@@ -92,20 +68,19 @@ uint32_t MonitorThread(void* p_arg_av) {
 }  // namespace
 
 void SrvMonitorRefresh(SrvMonitor* p_av, int64_t* p_written_av, int64_t* p_passes_av) {
-  *p_written_av = SrvPluginArchiveStats(p_av->m_p_plugin).frames_written;
-  {
-    PlCritLock lock_lv(&p_av->m_crit_sect);
-    *p_passes_av = SrvPassCounterUpdate(&p_av->m_passes);
-  }
-  p_av->m_p_flow->m_i64_passes = *p_passes_av;
-  p_av->m_p_flow->m_i64_dealt = *p_written_av + *p_passes_av;
+  ArchiveStats st_lv = SrvPluginArchiveStats(p_av->m_p_plugin);
+  *p_written_av = st_lv.frames_written;
+  *p_passes_av = 0;
+  for (SrvSource* p_src_lv : p_av->m_sources)
+    for (int i_lv = 0; i_lv < 2; i_lv++) *p_passes_av += p_src_lv->m_counts.m_put.m_rules[i_lv][SRV_PUT_PASSED_OVER];
+  if (st_lv.frames_asked > p_av->m_p_flow->m_i64_taken) p_av->m_p_flow->m_i64_taken = st_lv.frames_asked;
+}
+
+int64_t SrvMonitorBuffered(SrvMonitor* p_av) {
+  return p_av->m_p_flow->m_i64_entered - SrvPluginArchiveStats(p_av->m_p_plugin).frames_asked;
 }
 
 void SrvMonitorStart(SrvMonitor* p_av) {
-  p_av->m_passes.m_s_path = p_av->m_p_settings->m_s_log_dir + "/arc.log";
-  // Lines of earlier runs in the same folder are not this run's passes.
-  SrvPassCounterUpdate(&p_av->m_passes);
-  p_av->m_passes.m_i64_count = 0;
   // Frames of earlier runs in the same archive are not this run's.
   p_av->m_stored_before.clear();
   for (SrvSource* p_src_lv : p_av->m_sources)
@@ -159,7 +134,8 @@ SrvStored StoredThisRun(SrvStored now_av, const SrvStored& before_av) {
 
 // One camera's lines; false when it should have recorded and stored nothing
 // in this run.
-bool PrintCamera(const SrvSettings& settings_av, const SrvSource& src_av, const SrvStored& before_av) {
+bool PrintCamera(const SrvSettings& settings_av, const SrvSource& src_av, const SrvStored& before_av,
+                 const std::vector<ArchiveChannelStats>& channels_av, bool b_lines_av, SrvFrameAccount* p_total_av) {
   const SrvCamera& cam_lv = *src_av.m_p_camera;
   const SrvSourceCounts& c_lv = src_av.m_counts;
   SrvStored stored_lv = StoredThisRun(SrvStoredOf(settings_av.m_s_archive_root, cam_lv), before_av);
@@ -172,6 +148,9 @@ bool PrintCamera(const SrvSettings& settings_av, const SrvSource& src_av, const 
          c_lv.m_i_listeners.load(), c_lv.m_i_gets.load());
   printf("  stored   (this run) %llu video (%llu key), %llu audio\n", static_cast<unsigned long long>(stored_lv.m_ui64_video),
          static_cast<unsigned long long>(stored_lv.m_ui64_keys), static_cast<unsigned long long>(stored_lv.m_ui64_audio));
+  for (int i_lv = 0; i_lv < 2; i_lv++)
+    SrvPrintAccount(i_lv == 0 ? "video" : "audio",
+                    SrvAccountOf(c_lv.m_put, i_lv, channels_av, stored_lv.m_s_folder, b_lines_av), p_total_av);
   if (cam_lv.m_source.m_s_type == "stream")
     printf("  stream   %lld drops, %lld reconnects\n", static_cast<long long>(c_lv.m_i64_drops.load()),
            static_cast<long long>(c_lv.m_i64_reconnects.load()));
@@ -216,17 +195,18 @@ void SrvPrintWholeRun(SrvMonitor* p_av, double d_stored_s_av) {
 
 int SrvPrintSummary(SrvMonitor* p_av, double d_run_s_av) {
   const SrvSettings& settings_lv = *p_av->m_p_settings;
-  int64_t i64_wanted_lv = 0, i64_passes_lv = 0;
-  {
-    PlCritLock lock_lv(&p_av->m_crit_sect);
-    i64_passes_lv = SrvPassCounterUpdate(&p_av->m_passes);
-  }
+  int64_t i64_wanted_lv = 0, i64_passes_lv = 0, i64_written_lv = 0;
+  SrvMonitorRefresh(p_av, &i64_written_lv, &i64_passes_lv);
+  // The channels are closed by now: a last question with no write stays so.
+  std::vector<ArchiveChannelStats> channels_lv = SrvChannelStats(p_av->m_p_plugin->m_p_archive_channel_stats, true);
+  bool b_lines_lv = SrvPluginLinesCounted(p_av->m_p_plugin);
+  SrvFrameAccount total_lv;
   printf("\n== writer-host summary: %.1f s, %s pacing\n", d_run_s_av, settings_lv.m_b_paced ? "real-time" : "fast");
   bool b_ok_lv = true;
   for (size_t ui_lv = 0; ui_lv < p_av->m_sources.size(); ui_lv++) {
     SrvSource* p_src_lv = p_av->m_sources[ui_lv];
     SrvStored before_lv = ui_lv < p_av->m_stored_before.size() ? p_av->m_stored_before[ui_lv] : SrvStored();
-    b_ok_lv = PrintCamera(settings_lv, *p_src_lv, before_lv) && b_ok_lv;
+    b_ok_lv = PrintCamera(settings_lv, *p_src_lv, before_lv, channels_lv, b_lines_lv, &total_lv) && b_ok_lv;
     i64_wanted_lv += p_src_lv->m_counts.m_i64_wanted;
   }
   ArchiveStats st_lv = SrvPluginArchiveStats(p_av->m_p_plugin);
@@ -239,6 +219,7 @@ int SrvPrintSummary(SrvMonitor* p_av, double d_run_s_av) {
   int64_t i64_open_lv = i64_wanted_lv - st_lv.frames_written - st_lv.writes_refused - st_lv.writes_failed - i64_passes_lv;
   printf("frames   %lld wanted, %lld passed over, %lld neither stored nor passed\n", static_cast<long long>(i64_wanted_lv),
          static_cast<long long>(i64_passes_lv), static_cast<long long>(i64_open_lv < 0 ? 0 : i64_open_lv));
+  SrvPrintAccountTotal(total_lv, b_lines_lv);
   SrvHostTracks* p_tr_lv = p_av->m_p_tracks;
   printf("host     %lld calendar answers, %lld camera look-ups, %lld script events, %lld plug-in events, "
          "%lld liveness silences\n",

@@ -1,9 +1,8 @@
 // What writer-host tells while it runs and at the end: a progress line a
 // second (cameras, frames sent, frames written, passes, buffer memory), the
-// host tracks' news, and a summary per camera with the archive's totals.
-// Frames passed over are counted from the plug-in's main log, where each
-// pass leaves one line. Driven by main; the monitor thread also feeds the
-// sources' fast pacing.
+// host tracks' news, and a summary per camera with the fate of every frame
+// (srv_account.h) and the archive's totals. Driven by main; the monitor
+// thread also feeds the sources' fast pacing.
 #pragma once
 
 #include <cstdint>
@@ -16,16 +15,6 @@
 #include "host/server/srv_tracks.h"
 #include "platform/pl_sync.h"
 #include "platform/pl_thread.h"
-
-// Counts the plug-in's pass lines in a log file as it grows.
-struct SrvPassCounter {
-  std::string m_s_path;
-  int64_t m_i64_offset = 0;
-  int64_t m_i64_count = 0;
-  std::string m_s_tail;  // end of the last read, in case a line was cut
-};
-extern const char* const SRV_PASS_TAG;
-int64_t SrvPassCounterUpdate(SrvPassCounter* p_av);
 
 // What the archive holds of one camera.
 struct SrvStored {
@@ -40,8 +29,6 @@ struct SrvMonitor {
   SrvHostTracks* m_p_tracks = nullptr;
   std::vector<SrvSource*> m_sources;
   SrvFlow* m_p_flow = nullptr;
-  SrvPassCounter m_passes;
-  PlCritSect m_crit_sect;   // guards the pass counter: the thread and main both read it
   bool m_b_ask_memory = true;
   int64_t m_i64_start_perf = 0;
   PlEvent* m_p_stop = nullptr;
@@ -51,8 +38,10 @@ struct SrvMonitor {
 
 void SrvMonitorStart(SrvMonitor* p_av);
 void SrvMonitorStop(SrvMonitor* p_av);
-// Written + passed, as the monitor last saw them; also refreshes the flow.
+// Frames written, and passed over by all sources; also refreshes the flow.
 void SrvMonitorRefresh(SrvMonitor* p_av, int64_t* p_written_av, int64_t* p_passes_av);
+// Frames that entered the plug-in's buffers and are not taken out yet.
+int64_t SrvMonitorBuffered(SrvMonitor* p_av);
 
 SrvStored SrvStoredOf(const std::string& s_root_av, const SrvCamera& camera_av);
 

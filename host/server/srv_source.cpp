@@ -102,12 +102,12 @@ bool PaceWriter(SrvSource* p_av, bool* p_bound_av) {
   int64_t i64_bound_lv = p_av->m_p_settings->m_i_in_flight;
   // The monitor's figure is a floor of the fresh one: only when it says the
   // bound is reached is the archive asked.
-  if (i64_bound_lv <= 0 || p_av->m_p_flow->m_i64_wanted - p_av->m_p_flow->m_i64_dealt <= i64_bound_lv)
+  if (i64_bound_lv <= 0 || p_av->m_p_flow->m_i64_entered - p_av->m_p_flow->m_i64_taken <= i64_bound_lv)
     return !p_av->m_p_stop->IsSet();
-  int64_t i64_seen_lv = SrvFlowDealt(p_av->m_p_flow), i64_since_lv = PlPerfCounter();
-  while (*p_bound_av && p_av->m_p_flow->m_i64_wanted - SrvFlowDealt(p_av->m_p_flow) > i64_bound_lv) {
+  int64_t i64_seen_lv = SrvFlowTaken(p_av->m_p_flow), i64_since_lv = PlPerfCounter();
+  while (*p_bound_av && p_av->m_p_flow->m_i64_entered - SrvFlowTaken(p_av->m_p_flow) > i64_bound_lv) {
     if (p_av->m_p_stop->Wait(1) == PL_WAIT_OBJECT_0) return false;
-    int64_t i64_dealt_lv = SrvFlowDealt(p_av->m_p_flow);
+    int64_t i64_dealt_lv = SrvFlowTaken(p_av->m_p_flow);
     if (i64_dealt_lv != i64_seen_lv) {
       i64_seen_lv = i64_dealt_lv;
       i64_since_lv = PlPerfCounter();
@@ -156,6 +156,23 @@ uint32_t SourceThread(void* p_arg_av) {
   return 0;
 }
 
+// Counts the frame under the rule its delivery shows.
+void Account(SrvSource* p_av, const SrvMediaFrame& frame_av, const SrvProbeMark& before_av, const SrvProbeMark& after_av,
+             int32_t i_need_av, int i_medium_av) {
+  SrvDelivery d_lv;
+  SrvProbeDiff(before_av, after_av, &d_lv);
+  d_lv.m_i_need = i_need_av;
+  d_lv.m_b_key = frame_av.m_i_key != 0;
+  d_lv.m_b_empty = frame_av.m_pb_data == nullptr || frame_av.m_ui_size == 0;
+  d_lv.m_b_key_wait_possible = p_av->m_p_camera->m_b_by_events || p_av->m_p_camera->m_b_only_key_frame;
+  SrvPutCounts& put_lv = p_av->m_counts.m_put;
+  put_lv.m_sent[i_medium_av]++;
+  int i_rule_lv = SrvClassifyDelivery(d_lv);
+  if (i_rule_lv < 0) return;  // shows in the summary as unaccounted
+  put_lv.m_rules[i_medium_av][i_rule_lv]++;
+  if (i_rule_lv == SRV_PUT_ENTERED) p_av->m_p_flow->m_i64_entered++;
+}
+
 }  // namespace
 
 const SrvSourceKind* SrvFindSourceKind(const std::string& s_type_av) {
@@ -164,14 +181,13 @@ const SrvSourceKind* SrvFindSourceKind(const std::string& s_type_av) {
   return nullptr;
 }
 
-int64_t SrvFlowDealt(SrvFlow* p_av) {
-  if (p_av->m_p_stats == nullptr) return p_av->m_i64_dealt;
+int64_t SrvFlowTaken(SrvFlow* p_av) {
+  if (p_av->m_p_stats == nullptr) return p_av->m_i64_taken;
   ArchiveStats st_lv;
   memset(&st_lv, 0, sizeof(st_lv));
   p_av->m_p_stats(&st_lv);
-  int64_t i64_dealt_lv = st_lv.frames_written + p_av->m_i64_passes;
-  if (i64_dealt_lv > p_av->m_i64_dealt) p_av->m_i64_dealt = i64_dealt_lv;
-  return i64_dealt_lv;
+  if (st_lv.frames_asked > p_av->m_i64_taken) p_av->m_i64_taken = st_lv.frames_asked;
+  return st_lv.frames_asked;
 }
 
 bool SrvSourceOpen(SrvSource* p_av, const SrvCamera* p_camera_av, const SrvSettings* p_settings_av, SrvFlow* p_flow_av,
@@ -246,9 +262,12 @@ int32_t SrvSourceSendFrame(SrvSource* p_av, const SrvMediaFrame& frame_av, int64
                              {PP_INT64, "time", &i64_time_lv},   {PP_STRING, "type", const_cast<char*>(frame_av.m_s_type)},
                              {PP_END, nullptr, nullptr}};
   ProfileParam msg_lv[] = {{PP_LIST, "frame", frame_lv}, {PP_END, nullptr, nullptr}};
+  SrvProbeMark before_lv = SrvProbeRead(p_av->m_p_flow->m_probes);
   profile_data(p_av->m_h_media, msg_lv, 0);
+  SrvProbeMark after_lv = SrvProbeRead(p_av->m_p_flow->m_probes);
   SrvSourceCounts& c_lv = p_av->m_counts;
   bool b_audio_lv = strcmp(frame_av.m_s_type, "audio") == 0;
+  Account(p_av, frame_av, before_lv, after_lv, i_need_lv, b_audio_lv ? 1 : 0);
   c_lv.m_i64_sent++;
   (b_audio_lv ? c_lv.m_i64_audio : c_lv.m_i64_video)++;
   c_lv.m_i64_keys += frame_av.m_i_key != 0 ? 1 : 0;

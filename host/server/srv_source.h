@@ -11,25 +11,29 @@
 
 #include "include/host/archive_api.h"
 #include "include/host/core_api.h"
+#include "host/server/srv_account.h"
 #include "host/server/srv_config.h"
 #include "host/server/srv_media.h"
 #include "host/server/srv_stream.h"
 #include "platform/pl_sync.h"
 #include "platform/pl_thread.h"
 
-// Shared by all sources: frames someone wanted, and what the archive side
-// has dealt with (stored or passed over), for pacing as fast as the writer
-// takes them. With the archive's statistics at hand a source counts the
-// stored frames itself at each look, so that its pace does not follow the
-// monitor's tenth of a second; the passes come from the monitor.
+// Shared by all sources: frames someone wanted, frames that entered the
+// plug-in's buffers and how many of those the channels have taken out
+// (asked the archive about), for pacing as fast as the writer takes them.
+// With the archive's statistics at hand a source reads the taken frames
+// itself at each look, so that its pace does not follow the monitor's tenth
+// of a second. The probes tell each delivery's fate (srv_account.h).
 struct SrvFlow {
   std::atomic<int64_t> m_i64_wanted{0};
-  std::atomic<int64_t> m_i64_dealt{0};
-  std::atomic<int64_t> m_i64_passes{0};
+  std::atomic<int64_t> m_i64_entered{0};
+  std::atomic<int64_t> m_i64_taken{0};
   int32_t (*m_p_stats)(ArchiveStats*) = nullptr;
+  SrvProbes m_probes;
 };
-// Stored and passed over, as fresh as the flow can tell.
-int64_t SrvFlowDealt(SrvFlow* p_av);
+// Frames the channels have taken out of their buffers, as fresh as the flow
+// can tell.
+int64_t SrvFlowTaken(SrvFlow* p_av);
 
 struct SrvSourceCounts {
   std::atomic<int64_t> m_i64_sent{0};
@@ -47,6 +51,7 @@ struct SrvSourceCounts {
   std::atomic<int64_t> m_i64_max_late_us{0};   // real-time pacing: the latest a frame went out
   std::atomic<int64_t> m_i64_reconnects{0};    // a live stream opened again after a drop
   std::atomic<int64_t> m_i64_drops{0};         // a live stream lost
+  SrvPutCounts m_put;                          // each frame's fate in the plug-in, by medium
 };
 
 struct SrvSource;

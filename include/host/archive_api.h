@@ -101,6 +101,7 @@ typedef struct ArchiveStats {
   int64_t writes_failed;   /* disk errors and injected failures */
   int64_t segments_created;
   int64_t segments_deleted;
+  int64_t frames_asked;    /* per-frame questions of all channels (archive_get_channel_stats) */
 } ArchiveStats;
 
 typedef struct ArchiveSessionStats {
@@ -141,6 +142,43 @@ typedef struct ArchiveWriteLatency {
   int64_t sum_us;
 } ArchiveWriteLatency;
 int32_t archive_get_write_latency(ArchiveWriteLatency* out);
+
+/* ---- Host-only: what became of each frame ----
+ * The calling thread's answers to the readiness question (code 34), which
+ * the plug-in asks on the frame source's thread once a frame has passed its
+ * checks: a host that counts them around its own delivery of a frame learns
+ * whether that frame went on to the buffers or was dropped as not ready. */
+typedef struct ArchiveThreadCounts {
+  int64_t ready_answers;     /* answered 1 */
+  int64_t not_ready_answers; /* answered 0 */
+} ArchiveThreadCounts;
+int32_t archive_thread_counts(ArchiveThreadCounts* out);
+
+/* Per camera and medium, from the per-frame question of the plug-in's
+ * channel (85 video, 107 audio, with the camera id) and what the channel's
+ * thread did until its next question. Frames written with no question of
+ * their own come from the pre-event ring, which hands on older frames. */
+typedef struct ArchiveChannelStats {
+  char camera_folder[256]; /* from AddCameraInfo; empty for a camera never announced */
+  int64_t camera_id;
+  int32_t kind;            /* 1 video, 2 audio */
+  int32_t pending;         /* the last question, not settled yet: 0 none, 1 no session so far, 2 with a session */
+  int64_t asked;           /* questions */
+  int64_t no_write;        /* answered "nothing is to be written" */
+  int64_t no_session;      /* answered 0, no session, nothing written: lost */
+  int64_t held;            /* answered 0, a session, nothing written: taken by the pre-event ring */
+  int64_t stored;          /* the write after the question: stored, */
+  int64_t refused;         /* refused, */
+  int64_t failed;          /* failed (ARCHIVE_E_IO) */
+  int64_t later_stored;    /* writes with no question of their own: stored, */
+  int64_t later_refused;   /* refused, */
+  int64_t later_failed;    /* failed */
+} ArchiveChannelStats;
+/* index counts from 0; 0 and the figures, or -1 past the last channel. */
+int32_t archive_get_channel_stats(int32_t index, ArchiveChannelStats* out);
+/* The camera id AddCameraInfo gave with keys that make this camera folder
+ * (see FORMAT.md): 0 and *out, or -1 for a folder no camera announced. */
+int32_t archive_camera_id(const char* camera_folder, int64_t* out);
 
 /* ---- Host-only: what the plug-in told the archive ----
  * Last value given by SetParamsByType(code, id, value): 1 and *out, or 0. */

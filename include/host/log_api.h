@@ -67,6 +67,22 @@ typedef int32_t (*LogConfigureFn)(const char* folder, const char* config_path);
  * loggers open under that name and of those opened later, until the next
  * log_configure. Returns the number of open loggers changed. */
 typedef int32_t (*LogSetLevelFn)(const char* name, int64_t threshold);
+/* Host only. The highest threshold loggers of that name have had since the
+ * last log_configure (the one in force included): a line of a lower level
+ * may have been dropped by its caller in that time. */
+typedef int64_t (*LogLevelPeakFn)(const char* name);
+
+/* Host only. Lines whose text begins with one of these texts are counted,
+ * per calling thread and per text, when they are handed to log_vwrite with
+ * a text, whether the threshold writes them or not. At most
+ * LOG_COUNT_TEXTS_MAX texts; a new call replaces the table and gives the
+ * number of texts taken (-1 for bad arguments). Made for a host that wants
+ * to know what a plug-in reported while it ran one of the host's calls. */
+#define LOG_COUNT_TEXTS_MAX 8
+typedef int32_t (*LogCountTextsFn)(const char* const* texts, int32_t count);
+/* Host only. The calling thread's counts, in the order of the texts, since
+ * the thread began; gives the number copied. */
+typedef int32_t (*LogThreadCountsFn)(int64_t* out, int32_t count);
 
 #ifdef __cplusplus
 }
