@@ -120,9 +120,7 @@ void FccText(uint32_t ui_fcc_av, char* s_out_av) {
 const char* TypeText(const CWriter* p_av) { return p_av->m_s_type.m_p_text != nullptr ? p_av->m_s_type.m_p_text : ""; }
 
 void Mark(TWaitStat* p_wd_av, int32_t i_group_av, int32_t i_point_av, int32_t i_state_av) {
-  if (p_wd_av == nullptr) return;
-  WaitState(p_wd_av, i_group_av, i_state_av);
-  StableMark(p_wd_av->m_i_stable_slot, i_point_av);
+  WaitStateMark(p_wd_av, i_group_av, i_state_av, i_point_av);
 }
 
 bool TimeInRange(int64_t i64_micros_av) {
@@ -136,6 +134,10 @@ void UtcText(int64_t i64_micros_av, char* s_out_av) {
   FileTimeToText(ui64_ticks_lv, s_out_av);
 }
 
+// Elements whose kind the walk keeps for the parameter section; a longer
+// list has the rest looked up again.
+const int32_t I_FIELDS_KEPT = 32;
+
 // What the walk of one "frame" list found besides the channel's members.
 struct TFrameRead {
   int32_t* m_p_need;
@@ -144,6 +146,7 @@ struct TFrameRead {
   int32_t m_i_count;
   bool m_b_ok;
   bool m_b_bad;
+  uint8_t m_ui_fields[I_FIELDS_KEPT];  // TFrameField of each element, by position
 };
 
 void ClearFrame(CWriter* p_av) {
@@ -177,9 +180,8 @@ void ReadBuffer(const ProfileParam* p_av, const void** pp_out_av, uint32_t* p_si
 
 // One element of the "frame" list; false when its name and type are not
 // among those the frame is made of.
-bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameRead* p_rd_av) {
+bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameField field_lv, TFrameRead* p_rd_av) {
   long long i64_cam_lv = static_cast<long long>(InfoCamId(p_av->m_camera_info_w));
-  TFrameField field_lv = FieldOf(p_el_av);
   if (field_lv == FF_NEED) {
     p_rd_av->m_p_need = static_cast<int32_t*>(p_el_av->value);
   } else if (field_lv == FF_DATA) {
@@ -238,9 +240,12 @@ bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameRead* p_rd_av) 
 }
 
 void WalkFrame(CWriter* p_av, ProfileParam* p_frame_av, TFrameRead* p_rd_av) {
-  for (const ProfileParam* p_lv = p_frame_av; p_lv->type != PP_END; p_lv++) {
+  int32_t i_pos_lv = 0;
+  for (const ProfileParam* p_lv = p_frame_av; p_lv->type != PP_END; p_lv++, i_pos_lv++) {
     if (!p_rd_av->m_b_ok) continue;
-    ReadKnown(p_av, p_lv, p_rd_av);
+    TFrameField field_lv = FieldOf(p_lv);
+    if (i_pos_lv < I_FIELDS_KEPT) p_rd_av->m_ui_fields[i_pos_lv] = static_cast<uint8_t>(field_lv);
+    ReadKnown(p_av, p_lv, field_lv, p_rd_av);
     p_rd_av->m_i_count++;
   }
 }
@@ -349,8 +354,8 @@ void LogIndexGap(CWriter* p_av, int64_t i64_index_av) {
 
 // Elements that are the frame itself or the source's own business do not
 // go into the parameter section.
-bool CarriedAsParam(const ProfileParam* p_av) {
-  switch (FieldOf(p_av)) {
+bool CarriedAsParam(TFrameField field_av) {
+  switch (field_av) {
     case FF_PARENT:
     case FF_DATA:
     case FF_EXTRA:
@@ -365,29 +370,79 @@ bool CarriedAsParam(const ProfileParam* p_av) {
   }
 }
 
-uint64_t ParamsSize(const ProfileParam* p_list_av) {
+// The elements of a list chosen for the parameter section, each with its
+// record length, measured once for the size and the write.
+const int32_t I_PLAN_MAX = 32;
+struct TParamPlan {
+  const ProfileParam* m_p_params[I_PLAN_MAX];
+  uint32_t m_ui_lengths[I_PLAN_MAX];
+  int32_t m_i_count;
+  bool m_b_whole;  // false: more elements than the plan holds
+};
+
+// The kind of the element at a position: as the walk kept it, or looked up
+// anew beyond what it keeps (the local list has no walk).
+TFrameField FieldAt(const TFrameRead* p_rd_av, int32_t i_pos_av, const ProfileParam* p_av) {
+  if (p_rd_av != nullptr && i_pos_av < I_FIELDS_KEPT) return static_cast<TFrameField>(p_rd_av->m_ui_fields[i_pos_av]);
+  return FieldOf(p_av);
+}
+
+uint64_t ParamsSize(const ProfileParam* p_list_av, const TFrameRead* p_rd_av, TParamPlan* p_plan_av) {
   uint64_t ui64_lv = 0;
-  for (const ProfileParam* p_lv = p_list_av; p_lv->type != PP_END; p_lv++)
-    if (CarriedAsParam(p_lv)) ui64_lv += ParamRecordLength(p_lv);
+  int32_t i_pos_lv = 0;
+  for (const ProfileParam* p_lv = p_list_av; p_lv->type != PP_END; p_lv++, i_pos_lv++) {
+    if (!CarriedAsParam(FieldAt(p_rd_av, i_pos_lv, p_lv))) continue;
+    uint64_t ui64_len_lv = ParamRecordLength(p_lv);
+    ui64_lv += ui64_len_lv;
+    if (p_plan_av->m_i_count == I_PLAN_MAX) {
+      p_plan_av->m_b_whole = false;
+      continue;
+    }
+    p_plan_av->m_p_params[p_plan_av->m_i_count] = p_lv;
+    p_plan_av->m_ui_lengths[p_plan_av->m_i_count] = static_cast<uint32_t>(ui64_len_lv);
+    p_plan_av->m_i_count++;
+  }
   return ui64_lv;
 }
 
-void EncodeList(CWriter* p_av, const ProfileParam* p_list_av) {
-  for (const ProfileParam* p_lv = p_list_av; p_lv->type != PP_END; p_lv++)
-    if (CarriedAsParam(p_lv))
+void EncodeList(CWriter* p_av, const ProfileParam* p_list_av, const TFrameRead* p_rd_av) {
+  int32_t i_pos_lv = 0;
+  for (const ProfileParam* p_lv = p_list_av; p_lv->type != PP_END; p_lv++, i_pos_lv++)
+    if (CarriedAsParam(FieldAt(p_rd_av, i_pos_lv, p_lv)))
       EncodeParam(p_lv, &p_av->m_pb_params, &p_av->m_ui_params_capacity, &p_av->m_ui_params_size);
+}
+
+// The measured records, written one after the other. A record that cannot
+// be encoded, or a buffer that could not grow, goes through EncodeParam,
+// which says why.
+void EncodePlan(CWriter* p_av, const TParamPlan* p_plan_av, int32_t i_from_av, int32_t i_to_av) {
+  for (int32_t i_lv = i_from_av; i_lv < i_to_av; i_lv++) {
+    uint32_t ui_len_lv = p_plan_av->m_ui_lengths[i_lv];
+    uint64_t ui64_end_lv = static_cast<uint64_t>(p_av->m_ui_params_size) + ui_len_lv;
+    if (ui_len_lv == 0 || ui64_end_lv > p_av->m_ui_params_capacity) {
+      EncodeParam(p_plan_av->m_p_params[i_lv], &p_av->m_pb_params, &p_av->m_ui_params_capacity,
+                  &p_av->m_ui_params_size);
+      continue;
+    }
+    p_av->m_ui_params_size +=
+        WriteParamRecord(p_plan_av->m_p_params[i_lv], ui_len_lv, p_av->m_pb_params + p_av->m_ui_params_size);
+  }
 }
 
 // The frame's other elements and the local list, encoded for the
 // parameter section; the buffer is kept between frames and only grows.
-void EncodeFrameParams(CWriter* p_av, const ProfileParam* p_frame_av, TWaitStat* p_wd_av) {
+void EncodeFrameParams(CWriter* p_av, const ProfileParam* p_frame_av, const TFrameRead* p_rd_av, TWaitStat* p_wd_av) {
   int64_t i64_prev_write_lv = 0;
   ProfileParam local_lv[] = {{PP_INT64, "arc_prev_write", &i64_prev_write_lv}, {PP_END, nullptr, nullptr}};
+  TParamPlan plan_lv;
+  plan_lv.m_i_count = 0;
+  plan_lv.m_b_whole = true;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20124, 4);
   p_av->m_ui_params_size = 0;
-  uint64_t ui64_size_lv = p_frame_av != nullptr ? ParamsSize(p_frame_av) : 0;
+  uint64_t ui64_size_lv = p_frame_av != nullptr ? ParamsSize(p_frame_av, p_rd_av, &plan_lv) : 0;
+  int32_t i_frame_count_lv = plan_lv.m_i_count;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20125, 5);
-  ui64_size_lv += ParamsSize(local_lv);
+  ui64_size_lv += ParamsSize(local_lv, nullptr, &plan_lv);
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20126, 6);
   if (ui64_size_lv <= 0x7FFFFFFFu && p_av->m_ui_params_capacity < ui64_size_lv) {
     uint8_t* pb_lv = p_av->m_pb_params;
@@ -398,9 +453,16 @@ void EncodeFrameParams(CWriter* p_av, const ProfileParam* p_frame_av, TWaitStat*
     }
   }
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20127, 7);
-  if (p_frame_av != nullptr) EncodeList(p_av, p_frame_av);
+  // A list longer than the plan is encoded the long way, measure and all.
+  if (!plan_lv.m_b_whole) {
+    if (p_frame_av != nullptr) EncodeList(p_av, p_frame_av, p_rd_av);
+    Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20128, 8);
+    EncodeList(p_av, local_lv, nullptr);
+    return;
+  }
+  EncodePlan(p_av, &plan_lv, 0, i_frame_count_lv);
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20128, 8);
-  EncodeList(p_av, local_lv);
+  EncodePlan(p_av, &plan_lv, i_frame_count_lv, plan_lv.m_i_count);
 }
 
 // Nothing goes to the archive before the first key frame of the channel or
@@ -498,7 +560,7 @@ void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av
   if (b_need_lv == 1 && p_av->m_b_need_prev == 0) p_av->m_b_key_since_need = 0;
   p_av->m_b_need_prev = b_need_lv;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20122, 2);
-  TFrameRead rd_lv = {nullptr, 0, 0, 0, true, false};
+  TFrameRead rd_lv = {nullptr, 0, 0, 0, true, false, {}};
   bool b_ok_lv = false;
   if (b_need_lv == 1) {
     p_av->m_ui_params_size = 0;
@@ -506,7 +568,7 @@ void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av
   }
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20123, 3);
   if (b_ok_lv) {
-    EncodeFrameParams(p_av, p_frame_av, p_wd_av);
+    EncodeFrameParams(p_av, p_frame_av, &rd_lv, p_wd_av);
     b_ok_lv = ReadyToWrite(p_av);
   }
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20129, 9);
