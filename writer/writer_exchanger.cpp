@@ -171,6 +171,20 @@ uint32_t FrameBlockPutSection(uint8_t* pb_av, uint32_t ui_type_av, const void* p
 }
 
 uint64_t ParamRecordLength(const ProfileParam* p_param_av) {
+  // Most elements of a frame are numbers: their length needs no walk.
+  if (p_param_av->value != nullptr) {
+    switch (p_param_av->type) {
+      case PP_INT32:
+      case PP_INT32B:
+        return NameLength(p_param_av) + 13 + 4;
+      case PP_INT64:
+      case PP_CALLBACK:
+      case PP_INT64B:
+        return NameLength(p_param_av) + 13 + 8;
+      default:
+        break;
+    }
+  }
   uint64_t ui64_lv = RecordLength(p_param_av, 0);
   return ui64_lv <= UI64_RECORD_MAX ? ui64_lv : 0;
 }

@@ -552,7 +552,7 @@ void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av
   TRACE44(TLOG_ARC_TRACE, "<profdata%lld>start on frame prishel kadr", i64_cam_lv);
   ClearFrame(p_av);
   StableMark(i_slot_lv, 21011);
-  int32_t b_need_lv = NeedWrite(&p_av->m_by_event, i_slot_lv);
+  int32_t b_need_lv = NeedWriteAt(&p_av->m_by_event, i_slot_lv, i64_now_lv);
   StableMark(i_slot_lv, 21012);
   AtomicPut(&p_av->m_status.m_b_last_need, b_need_lv);
   StableMark(i_slot_lv, 21013);
