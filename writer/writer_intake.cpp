@@ -182,61 +182,73 @@ void ReadBuffer(const ProfileParam* p_av, const void** pp_out_av, uint32_t* p_si
 // among those the frame is made of.
 bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameField field_lv, TFrameRead* p_rd_av) {
   long long i64_cam_lv = static_cast<long long>(InfoCamId(p_av->m_camera_info_w));
-  if (field_lv == FF_NEED) {
-    p_rd_av->m_p_need = static_cast<int32_t*>(p_el_av->value);
-  } else if (field_lv == FF_DATA) {
-    if (p_el_av->value == nullptr) {
-      p_rd_av->m_b_bad = true;
-      p_rd_av->m_b_ok = false;
-    } else {
-      ReadBuffer(p_el_av, &p_av->m_p_data, &p_av->m_ui_data_size);
+  switch (field_lv) {
+    case FF_NEED:
+      p_rd_av->m_p_need = static_cast<int32_t*>(p_el_av->value);
+      return true;
+    case FF_DATA:
+      if (p_el_av->value == nullptr) {
+        p_rd_av->m_b_bad = true;
+        p_rd_av->m_b_ok = false;
+      } else {
+        ReadBuffer(p_el_av, &p_av->m_p_data, &p_av->m_ui_data_size);
+      }
+      return true;
+    case FF_EXTRA:
+      if (p_el_av->value != nullptr) ReadBuffer(p_el_av, &p_av->m_p_extra, &p_av->m_ui_extra_size);
+      return true;
+    case FF_WIDTH:
+      ReadInt32(p_el_av, &p_av->m_i_width, p_rd_av);
+      return true;
+    case FF_HEIGHT:
+      ReadInt32(p_el_av, &p_av->m_i_height, p_rd_av);
+      return true;
+    case FF_FCC: {
+      int32_t i_fcc_lv = 0;
+      ReadInt32(p_el_av, &i_fcc_lv, p_rd_av);
+      p_av->m_ui_fcc = static_cast<uint32_t>(i_fcc_lv);
+      char s_fcc_lv[5];
+      FccText(p_av->m_ui_fcc, s_fcc_lv);
+      TRACE44(TLOG_ARC_TRACE, "<%lld>on frame fcc %d %s ", i64_cam_lv, static_cast<int>(p_av->m_ui_fcc), s_fcc_lv);
+      return true;
     }
-  } else if (field_lv == FF_EXTRA) {
-    if (p_el_av->value != nullptr) ReadBuffer(p_el_av, &p_av->m_p_extra, &p_av->m_ui_extra_size);
-  } else if (field_lv == FF_WIDTH) {
-    ReadInt32(p_el_av, &p_av->m_i_width, p_rd_av);
-  } else if (field_lv == FF_HEIGHT) {
-    ReadInt32(p_el_av, &p_av->m_i_height, p_rd_av);
-  } else if (field_lv == FF_FCC) {
-    int32_t i_fcc_lv = 0;
-    ReadInt32(p_el_av, &i_fcc_lv, p_rd_av);
-    p_av->m_ui_fcc = static_cast<uint32_t>(i_fcc_lv);
-    char s_fcc_lv[5];
-    FccText(p_av->m_ui_fcc, s_fcc_lv);
-    TRACE44(TLOG_ARC_TRACE, "<%lld>on frame fcc %d %s ", i64_cam_lv, static_cast<int>(p_av->m_ui_fcc), s_fcc_lv);
-  } else if (field_lv == FF_INDEX) {
-    if (p_el_av->value != nullptr) p_rd_av->m_i64_index = *static_cast<const int64_t*>(p_el_av->value);
-    TRACE44(TLOG_ARC_TRACE, "<%lld>on frame index %lld ", i64_cam_lv, static_cast<long long>(p_rd_av->m_i64_index));
-  } else if (field_lv == FF_KEY) {
-    ReadInt32(p_el_av, &p_av->m_i_key, p_rd_av);
-    if (p_av->m_i_key != 0) {
-      p_av->m_b_is_fierst_key_accepted = 1;
-      p_av->m_b_key_since_need = 1;
-    }
-  } else if (field_lv == FF_TIME) {
-    if (p_el_av->value == nullptr) {
-      p_rd_av->m_b_bad = true;
-      p_rd_av->m_b_ok = false;
-    } else {
+    case FF_INDEX:
+      if (p_el_av->value != nullptr) p_rd_av->m_i64_index = *static_cast<const int64_t*>(p_el_av->value);
+      TRACE44(TLOG_ARC_TRACE, "<%lld>on frame index %lld ", i64_cam_lv, static_cast<long long>(p_rd_av->m_i64_index));
+      return true;
+    case FF_KEY:
+      ReadInt32(p_el_av, &p_av->m_i_key, p_rd_av);
+      if (p_av->m_i_key != 0) {
+        p_av->m_b_is_fierst_key_accepted = 1;
+        p_av->m_b_key_since_need = 1;
+      }
+      return true;
+    case FF_TIME:
+      if (p_el_av->value == nullptr) {
+        p_rd_av->m_b_bad = true;
+        p_rd_av->m_b_ok = false;
+        return true;
+      }
       p_rd_av->m_i64_time = *static_cast<const int64_t*>(p_el_av->value);
       // A time no file time can hold is as good as none.
       if (!TimeInRange(p_rd_av->m_i64_time)) {
         p_rd_av->m_b_bad = true;
         p_rd_av->m_b_ok = false;
       }
-    }
-  } else if (field_lv == FF_TYPE) {
-    if (p_el_av->value != nullptr) {
-      // A longer text than the field holds is cut.
-      CopyCut(p_av->m_s_frame_type, UI_FRAME_TYPE_TEXT, static_cast<const char*>(p_el_av->value));
-      TRACE44(TLOG_ARC_TRACE, "<%lld>on frame type %s ", i64_cam_lv, p_av->m_s_frame_type);
-    }
-  } else if (field_lv == FF_GET) {
-    p_rd_av->m_b_ok = false;
-  } else {
-    return false;
+      return true;
+    case FF_TYPE:
+      if (p_el_av->value != nullptr) {
+        // A longer text than the field holds is cut.
+        CopyCut(p_av->m_s_frame_type, UI_FRAME_TYPE_TEXT, static_cast<const char*>(p_el_av->value));
+        TRACE44(TLOG_ARC_TRACE, "<%lld>on frame type %s ", i64_cam_lv, p_av->m_s_frame_type);
+      }
+      return true;
+    case FF_GET:
+      p_rd_av->m_b_ok = false;
+      return true;
+    default:
+      return false;
   }
-  return true;
 }
 
 void WalkFrame(CWriter* p_av, ProfileParam* p_frame_av, TFrameRead* p_rd_av) {
@@ -299,7 +311,10 @@ void CorrectTime(CWriter* p_av, int64_t i64_time_av, int64_t i64_now_av) {
 // clock reading behind "prevt" is kept for every frame all the same.
 void LogTimes(CWriter* p_av, int64_t i64_orig_av, int64_t i64_now_av) {
   long long i64_cam_lv = static_cast<long long>(InfoCamId(p_av->m_camera_info_w));
-  if (LogTraceWanted(TLOG_ARC_TRACE)) {
+  // Asked once for both lines: the trace call between them drops its line
+  // itself should the levels have changed at its check.
+  bool b_trace_lv = LogTraceWanted(TLOG_ARC_TRACE);
+  if (b_trace_lv) {
     char s_orig_lv[FILE_TIME_TEXT_SIZE];
     char s_corr_lv[FILE_TIME_TEXT_SIZE];
     char s_syst_lv[FILE_TIME_TEXT_SIZE];
@@ -316,7 +331,7 @@ void LogTimes(CWriter* p_av, int64_t i64_orig_av, int64_t i64_now_av) {
     p_av->m_i64_prev_local_time = FileTimeNowLocalI64();
   }
   AtomicPut(&p_av->m_status.m_i64_last_source_stat, i64_now_av);
-  if (!LogTraceWanted(TLOG_ARC_TRACE)) return;
+  if (!b_trace_lv) return;
   char s_now_lv[FILE_TIME_TEXT_SIZE];
   FileTimeToText(static_cast<uint64_t>(i64_now_av), s_now_lv);
   TRACE45(TLOG_ARC_TRACE, TSEV_TRACE, "<%lld_%lld>on_frame_level1 m_i64_last_source_stat %s", i64_cam_lv,
