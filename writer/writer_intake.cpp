@@ -52,11 +52,12 @@ enum TFrameField {
   FF_GET, FF_PARENT, FF_ERROR, FF_VIRTUAL, FF_NEAREST, FF_TYPES_DESCR
 };
 
-// A name against a known text, character by character: the loop stops at
-// the first difference, so it never reads past the end of the name.
+// A name against a known text whose first letter FieldOf's switch has
+// matched already, from the second character on: the loop stops at the
+// first difference, so it never reads past the end of the name.
 template <size_t N>
 bool NameIs(const char* s_name_av, const char (&s_known_av)[N]) {
-  for (size_t i_lv = 0; i_lv < N; i_lv++)
+  for (size_t i_lv = 1; i_lv < N; i_lv++)
     if (s_name_av[i_lv] != s_known_av[i_lv]) return false;
   return true;
 }
