@@ -173,6 +173,25 @@ TEST_F(ArchiveReaderTest, RepairCutsATailCutShortAndRebuildsTheIndex) {
   EXPECT_FALSE(report_lv.m_b_index_rebuilt);
 }
 
+// A count believes an index only where it ends with its segment: a lagging
+// or lost index, or a segment cut after its index was written, is counted
+// from the records.
+TEST_F(ArchiveReaderTest, ACountTakesTheIndexOnlyWhereItCoversItsSegment) {
+  Frames(10);
+  auto count = [this](uint64_t frames, uint64_t keys) {
+    warc::StreamCount c = warc::CountStream(Stream());
+    EXPECT_EQ(frames, c.m_ui64_frames);
+    EXPECT_EQ(keys, c.m_ui64_key_frames);
+  };
+  count(10, 2);
+  ASSERT_EQ(0, truncate(Seg().c_str(), Size(Seg()) - 20));  // inside the last record
+  count(9, 2);
+  ASSERT_EQ(0, truncate(Idx().c_str(), 7 * warc::IDX_ENTRY_SIZE));
+  count(9, 2);
+  ASSERT_EQ(0, unlink(Idx().c_str()));
+  count(9, 2);
+}
+
 TEST_F(ArchiveReaderTest, RepairDropsARecordWithAWrongChecksumAndALostIndexTail) {
   Frames(10);
   {

@@ -337,6 +337,50 @@ TEST_F(WriterPipelineTest, BadFramesAreDroppedAndStillAnswered) {
   EXPECT_EQ(4, Count(Log("arc"), "<error>data not correct"));
 }
 
+// Elements the intake does not know go to the parameter section whole and
+// in order, whatever their type and however many a frame brings (a short
+// frame and one longer than the intake measures in one pass); the source's
+// own elements do not.
+TEST_F(WriterPipelineTest, EveryUnknownElementOfAFrameIsCarriedInOrder) {
+  int32_t key = 1;
+  ProfileBuffer data = {const_cast<char*>("kf"), 2};
+  ProfileBuffer blob = {const_cast<char*>("0123456789abc"), 13};
+  int32_t inner_v = 7;
+  ProfileParam inner[] = {{PP_INT32, "in", &inner_v}, {PP_END, nullptr, nullptr}};
+  std::vector<int32_t> values(40);
+  std::vector<std::string> names(40);
+  for (int i = 0; i < 40; i++) values[i] = 1000 + i, names[i] = "u" + std::to_string(i);
+  const int counts[] = {2, 40};
+  int64_t times[] = {kT0, kT0 + 40000};
+  std::vector<std::string> expected;
+  for (int n = 0; n < 2; n++) {
+    std::vector<ProfileParam> f = {{PP_INT32, "need", &m_source.need}, {PP_BUFFER, "data", &data},
+                                   {PP_INT32, "key", &key}, {PP_INT64, "time", &times[n]},
+                                   {PP_STRING, "type", const_cast<char*>("video")}, {PP_INT64, "nul", nullptr},
+                                   {PP_BUFFER, "blob", &blob}, {PP_LIST, "tree", inner}};
+    std::string params = Record(4, "key", I32(1)) + Record(5, "time", I64(times[n])) +
+                         Record(2, "type", I32(10) + "video" + '\0') + Record(5, "nul", "") +
+                         Record(8, "blob", "0123456789abc") + Record(1, "tree", Record(4, "in", I32(7)));
+    for (int i = 0; i < counts[n]; i++) {
+      f.push_back({PP_INT32, names[i].c_str(), &values[i]});
+      params += Record(4, names[i].c_str(), I32(values[i]));
+    }
+    f.push_back({PP_LIST, "parent", inner});
+    f.push_back({PP_INT64, "nearest_finded", &times[n]});
+    f.push_back({PP_END, nullptr, nullptr});
+    m_source.SendRaw(f.data());
+    expected.push_back(Section(513, params + Record(5, "arc_prev_write", I64(0))));
+  }
+  ASSERT_TRUE(WaitWritten(2));
+  CloseAll();
+  std::vector<Stored> v = Read("video");
+  ASSERT_EQ(2u, v.size());
+  for (size_t n = 0; n < 2; n++) {
+    ASSERT_GE(v[n].block.size(), expected[n].size()) << n;
+    EXPECT_EQ(expected[n], v[n].block.substr(v[n].block.size() - expected[n].size())) << n;
+  }
+}
+
 TEST_F(WriterPipelineTest, FarTimesAreRefusedAndCountersStopAtTheirLimit) {
   m_source.Send(Video(true, kT0, 1, "k"));
   // Beyond what a file time holds, either way: refused as a bad time.

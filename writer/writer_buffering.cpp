@@ -38,9 +38,7 @@ long long CameraId(const CWriteBuffering* p_av) {
 }
 
 void Mark(TWaitStat* p_wd_av, int32_t i_point_av, int32_t i_state_av) {
-  if (p_wd_av == nullptr) return;
-  WaitState(p_wd_av, WAIT_GROUP_GET_AND_WR, i_state_av);
-  StableMark(p_wd_av->m_i_stable_slot, i_point_av);
+  WaitStateMark(p_wd_av, WAIT_GROUP_GET_AND_WR, i_state_av, i_point_av);
 }
 
 void SendAlive(CWriter* p_owner_av, const char* s_command_av, const char* s_caption_av) {

@@ -572,11 +572,14 @@ void CheckForcedDuration(CWriterByEvent* p_av, int32_t i_slot_av, int64_t i64_no
 }
 
 int32_t NeedWrite(CWriterByEvent* p_av, int32_t i_slot_av) {
-  CWriter* p_writer_lv = p_av->m_p_writer;
   // One reading of the local time serves the whole decision.
-  int64_t i64_now_lv = FileTimeNowLocalI64();
-  CheckForcedDuration(p_av, i_slot_av, i64_now_lv);
-  int32_t b_common_lv = CommonCondishAt(p_writer_lv, i64_now_lv);
+  return NeedWriteAt(p_av, i_slot_av, FileTimeNowLocalI64());
+}
+
+int32_t NeedWriteAt(CWriterByEvent* p_av, int32_t i_slot_av, int64_t i64_now_av) {
+  CWriter* p_writer_lv = p_av->m_p_writer;
+  CheckForcedDuration(p_av, i_slot_av, i64_now_av);
+  int32_t b_common_lv = CommonCondishAt(p_writer_lv, i64_now_av);
   int32_t b_by_event_lv = AtomicGet(&p_writer_lv->m_camera_info_w->m_b_write_by_event) != 0 ? 1 : 0;
   int32_t b_prev_lv = AtomicGet(&p_av->prev_write) > 0 ? 1 : 0;
   int32_t b_detect_lv = b_by_event_lv != 0 && b_prev_lv == 0 ? DetectCondish_Vart2(p_av) : 0;
@@ -587,7 +590,7 @@ int32_t NeedWrite(CWriterByEvent* p_av, int32_t i_slot_av) {
   if (b_common_lv != 0 && b_gate_lv != 0) b_result_lv = b_by_event_lv == 0 || b_prev_lv != 0 || b_detect_lv != 0;
   long long i64_cam_lv = static_cast<long long>(InfoCamId(p_writer_lv->m_camera_info_w));
   if (b_result_lv != 0) {
-    AtomicPut(&p_writer_lv->m_i64_last_need_time, i64_now_lv);
+    AtomicPut(&p_writer_lv->m_i64_last_need_time, i64_now_av);
   } else {
     TRACE45(TLOG_ARC_TRACE, TSEV_TRACE,
             "<sched2%lld> !NeedWriteCommonCondish %dwrite_by_event %dIsPrevWrite %dDetectCondish_Vart2 %dm_b_state "

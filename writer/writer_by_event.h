@@ -125,6 +125,9 @@ int32_t DetectCondish_Vart2(CWriterByEvent* p_av);
 int32_t NeedWriteCommonCondish(CWriter* p_writer_av);
 // Whether the camera records the frame that arrives now; frame path.
 int32_t NeedWrite(CWriterByEvent* p_av, int32_t i_slot_av);
+// The same decision at a local time the caller has just read for the same
+// step, so that the frame's intake reads the clock once for both.
+int32_t NeedWriteAt(CWriterByEvent* p_av, int32_t i_slot_av, int64_t i64_now_av);
 // The event condition of the pre-event ring: the common condition holds,
 // the channel records by events, and an event or its post time runs.
 int32_t PrevWriteCondish(CWriterByEvent* p_av);

@@ -15,16 +15,20 @@ namespace {
 const int32_t I_SIGN_PARAMS = 4301;
 const uint64_t UI64_RECORD_MAX = 0x7FFFFFFFu;
 
-void PutLe16(uint8_t* pb_av, uint16_t ui_av) {
-  pb_av[0] = static_cast<uint8_t>(ui_av);
-  pb_av[1] = static_cast<uint8_t>(ui_av >> 8);
+// One store of the whole value: the byte-by-byte form compiled into a
+// shuffle of shifts that cost more than the record's payload.
+template <typename T>
+void PutLe(uint8_t* pb_av, T v_av) {
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  T swapped_lv = 0;
+  for (size_t i_lv = 0; i_lv < sizeof(T); i_lv++) swapped_lv = static_cast<T>(swapped_lv << 8 | ((v_av >> (8 * i_lv)) & 0xFF));
+  v_av = swapped_lv;
+#endif
+  memcpy(pb_av, &v_av, sizeof(T));
 }
-void PutLe32(uint8_t* pb_av, uint32_t ui_av) {
-  for (int i_lv = 0; i_lv < 4; i_lv++) pb_av[i_lv] = static_cast<uint8_t>(ui_av >> (8 * i_lv));
-}
-void PutLe64(uint8_t* pb_av, uint64_t ui64_av) {
-  for (int i_lv = 0; i_lv < 8; i_lv++) pb_av[i_lv] = static_cast<uint8_t>(ui64_av >> (8 * i_lv));
-}
+void PutLe16(uint8_t* pb_av, uint16_t ui_av) { PutLe(pb_av, ui_av); }
+void PutLe32(uint8_t* pb_av, uint32_t ui_av) { PutLe(pb_av, ui_av); }
+void PutLe64(uint8_t* pb_av, uint64_t ui64_av) { PutLe(pb_av, ui64_av); }
 
 uint32_t Fcc(const char* s_av) {
   return static_cast<uint32_t>(static_cast<uint8_t>(s_av[0])) | static_cast<uint32_t>(static_cast<uint8_t>(s_av[1])) << 8 |
@@ -167,8 +171,50 @@ uint32_t FrameBlockPutSection(uint8_t* pb_av, uint32_t ui_type_av, const void* p
 }
 
 uint64_t ParamRecordLength(const ProfileParam* p_param_av) {
+  // Most elements of a frame are numbers: their length needs no walk.
+  if (p_param_av->value != nullptr) {
+    switch (p_param_av->type) {
+      case PP_INT32:
+      case PP_INT32B:
+        return NameLength(p_param_av) + 13 + 4;
+      case PP_INT64:
+      case PP_CALLBACK:
+      case PP_INT64B:
+        return NameLength(p_param_av) + 13 + 8;
+      default:
+        break;
+    }
+  }
   uint64_t ui64_lv = RecordLength(p_param_av, 0);
   return ui64_lv <= UI64_RECORD_MAX ? ui64_lv : 0;
+}
+
+uint32_t WriteParamRecord(const ProfileParam* p_param_av, uint32_t ui_len_av, uint8_t* pb_av) {
+  uint32_t ui_payload_lv = 0;
+  if (p_param_av->value != nullptr) {
+    switch (p_param_av->type) {
+      case PP_INT32:
+      case PP_INT32B:
+        ui_payload_lv = 4;
+        break;
+      case PP_INT64:
+      case PP_CALLBACK:
+      case PP_INT64B:
+        ui_payload_lv = 8;
+        break;
+      default:  // texts, buffers and lists are measured as they are written
+        return WriteRecord(p_param_av, pb_av, 0);
+    }
+  }
+  // The name's length follows from the measured one: no second strlen.
+  uint32_t ui_name_lv = ui_len_av - 13 - ui_payload_lv;
+  PutLe32(pb_av, p_param_av->type);
+  PutLe32(pb_av + 4, ui_name_lv + 5);
+  if (ui_name_lv > 0) memcpy(pb_av + 8, p_param_av->name, ui_name_lv);
+  pb_av[8 + ui_name_lv] = 0;
+  PutLe32(pb_av + ui_name_lv + 9, ui_len_av);
+  if (ui_payload_lv > 0) memcpy(pb_av + ui_name_lv + 13, p_param_av->value, ui_payload_lv);
+  return ui_len_av;
 }
 
 int32_t EncodeParam(const ProfileParam* p_param_av, uint8_t** ppb_buf_av, uint32_t* p_capacity_av,

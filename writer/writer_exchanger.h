@@ -37,6 +37,10 @@ uint32_t FrameBlockPutSection(uint8_t* pb_av, uint32_t ui_type_av, const void* p
 // Length of the encoded record of one element; 0 for a record that cannot
 // be encoded (its length would not fit 31 bits).
 uint64_t ParamRecordLength(const ProfileParam* p_param_av);
+// Writes the record of one element whose length ParamRecordLength gave
+// (non-zero) into a buffer known to hold it; returns that length. A frame's
+// size pass measures each element once, and its write pass uses this.
+uint32_t WriteParamRecord(const ProfileParam* p_param_av, uint32_t ui_len_av, uint8_t* pb_av);
 // Appends the record of one element to a growing buffer. RC 0 on success,
 // negative when the record is too long or there is no memory.
 int32_t EncodeParam(const ProfileParam* p_param_av, uint8_t** ppb_buf_av, uint32_t* p_capacity_av,

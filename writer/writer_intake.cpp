@@ -52,11 +52,12 @@ enum TFrameField {
   FF_GET, FF_PARENT, FF_ERROR, FF_VIRTUAL, FF_NEAREST, FF_TYPES_DESCR
 };
 
-// A name against a known text, character by character: the loop stops at
-// the first difference, so it never reads past the end of the name.
+// A name against a known text whose first letter FieldOf's switch has
+// matched already, from the second character on: the loop stops at the
+// first difference, so it never reads past the end of the name.
 template <size_t N>
 bool NameIs(const char* s_name_av, const char (&s_known_av)[N]) {
-  for (size_t i_lv = 0; i_lv < N; i_lv++)
+  for (size_t i_lv = 1; i_lv < N; i_lv++)
     if (s_name_av[i_lv] != s_known_av[i_lv]) return false;
   return true;
 }
@@ -120,9 +121,7 @@ void FccText(uint32_t ui_fcc_av, char* s_out_av) {
 const char* TypeText(const CWriter* p_av) { return p_av->m_s_type.m_p_text != nullptr ? p_av->m_s_type.m_p_text : ""; }
 
 void Mark(TWaitStat* p_wd_av, int32_t i_group_av, int32_t i_point_av, int32_t i_state_av) {
-  if (p_wd_av == nullptr) return;
-  WaitState(p_wd_av, i_group_av, i_state_av);
-  StableMark(p_wd_av->m_i_stable_slot, i_point_av);
+  WaitStateMark(p_wd_av, i_group_av, i_state_av, i_point_av);
 }
 
 bool TimeInRange(int64_t i64_micros_av) {
@@ -136,6 +135,10 @@ void UtcText(int64_t i64_micros_av, char* s_out_av) {
   FileTimeToText(ui64_ticks_lv, s_out_av);
 }
 
+// Elements whose kind the walk keeps for the parameter section; a longer
+// list has the rest looked up again.
+const int32_t I_FIELDS_KEPT = 32;
+
 // What the walk of one "frame" list found besides the channel's members.
 struct TFrameRead {
   int32_t* m_p_need;
@@ -144,6 +147,7 @@ struct TFrameRead {
   int32_t m_i_count;
   bool m_b_ok;
   bool m_b_bad;
+  uint8_t m_ui_fields[I_FIELDS_KEPT];  // TFrameField of each element, by position
 };
 
 void ClearFrame(CWriter* p_av) {
@@ -177,70 +181,84 @@ void ReadBuffer(const ProfileParam* p_av, const void** pp_out_av, uint32_t* p_si
 
 // One element of the "frame" list; false when its name and type are not
 // among those the frame is made of.
-bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameRead* p_rd_av) {
+bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameField field_lv, TFrameRead* p_rd_av) {
   long long i64_cam_lv = static_cast<long long>(InfoCamId(p_av->m_camera_info_w));
-  TFrameField field_lv = FieldOf(p_el_av);
-  if (field_lv == FF_NEED) {
-    p_rd_av->m_p_need = static_cast<int32_t*>(p_el_av->value);
-  } else if (field_lv == FF_DATA) {
-    if (p_el_av->value == nullptr) {
-      p_rd_av->m_b_bad = true;
-      p_rd_av->m_b_ok = false;
-    } else {
-      ReadBuffer(p_el_av, &p_av->m_p_data, &p_av->m_ui_data_size);
+  switch (field_lv) {
+    case FF_NEED:
+      p_rd_av->m_p_need = static_cast<int32_t*>(p_el_av->value);
+      return true;
+    case FF_DATA:
+      if (p_el_av->value == nullptr) {
+        p_rd_av->m_b_bad = true;
+        p_rd_av->m_b_ok = false;
+      } else {
+        ReadBuffer(p_el_av, &p_av->m_p_data, &p_av->m_ui_data_size);
+      }
+      return true;
+    case FF_EXTRA:
+      if (p_el_av->value != nullptr) ReadBuffer(p_el_av, &p_av->m_p_extra, &p_av->m_ui_extra_size);
+      return true;
+    case FF_WIDTH:
+      ReadInt32(p_el_av, &p_av->m_i_width, p_rd_av);
+      return true;
+    case FF_HEIGHT:
+      ReadInt32(p_el_av, &p_av->m_i_height, p_rd_av);
+      return true;
+    case FF_FCC: {
+      int32_t i_fcc_lv = 0;
+      ReadInt32(p_el_av, &i_fcc_lv, p_rd_av);
+      p_av->m_ui_fcc = static_cast<uint32_t>(i_fcc_lv);
+      char s_fcc_lv[5];
+      FccText(p_av->m_ui_fcc, s_fcc_lv);
+      TRACE44(TLOG_ARC_TRACE, "<%lld>on frame fcc %d %s ", i64_cam_lv, static_cast<int>(p_av->m_ui_fcc), s_fcc_lv);
+      return true;
     }
-  } else if (field_lv == FF_EXTRA) {
-    if (p_el_av->value != nullptr) ReadBuffer(p_el_av, &p_av->m_p_extra, &p_av->m_ui_extra_size);
-  } else if (field_lv == FF_WIDTH) {
-    ReadInt32(p_el_av, &p_av->m_i_width, p_rd_av);
-  } else if (field_lv == FF_HEIGHT) {
-    ReadInt32(p_el_av, &p_av->m_i_height, p_rd_av);
-  } else if (field_lv == FF_FCC) {
-    int32_t i_fcc_lv = 0;
-    ReadInt32(p_el_av, &i_fcc_lv, p_rd_av);
-    p_av->m_ui_fcc = static_cast<uint32_t>(i_fcc_lv);
-    char s_fcc_lv[5];
-    FccText(p_av->m_ui_fcc, s_fcc_lv);
-    TRACE44(TLOG_ARC_TRACE, "<%lld>on frame fcc %d %s ", i64_cam_lv, static_cast<int>(p_av->m_ui_fcc), s_fcc_lv);
-  } else if (field_lv == FF_INDEX) {
-    if (p_el_av->value != nullptr) p_rd_av->m_i64_index = *static_cast<const int64_t*>(p_el_av->value);
-    TRACE44(TLOG_ARC_TRACE, "<%lld>on frame index %lld ", i64_cam_lv, static_cast<long long>(p_rd_av->m_i64_index));
-  } else if (field_lv == FF_KEY) {
-    ReadInt32(p_el_av, &p_av->m_i_key, p_rd_av);
-    if (p_av->m_i_key != 0) {
-      p_av->m_b_is_fierst_key_accepted = 1;
-      p_av->m_b_key_since_need = 1;
-    }
-  } else if (field_lv == FF_TIME) {
-    if (p_el_av->value == nullptr) {
-      p_rd_av->m_b_bad = true;
-      p_rd_av->m_b_ok = false;
-    } else {
+    case FF_INDEX:
+      if (p_el_av->value != nullptr) p_rd_av->m_i64_index = *static_cast<const int64_t*>(p_el_av->value);
+      TRACE44(TLOG_ARC_TRACE, "<%lld>on frame index %lld ", i64_cam_lv, static_cast<long long>(p_rd_av->m_i64_index));
+      return true;
+    case FF_KEY:
+      ReadInt32(p_el_av, &p_av->m_i_key, p_rd_av);
+      if (p_av->m_i_key != 0) {
+        p_av->m_b_is_fierst_key_accepted = 1;
+        p_av->m_b_key_since_need = 1;
+      }
+      return true;
+    case FF_TIME:
+      if (p_el_av->value == nullptr) {
+        p_rd_av->m_b_bad = true;
+        p_rd_av->m_b_ok = false;
+        return true;
+      }
       p_rd_av->m_i64_time = *static_cast<const int64_t*>(p_el_av->value);
       // A time no file time can hold is as good as none.
       if (!TimeInRange(p_rd_av->m_i64_time)) {
         p_rd_av->m_b_bad = true;
         p_rd_av->m_b_ok = false;
       }
-    }
-  } else if (field_lv == FF_TYPE) {
-    if (p_el_av->value != nullptr) {
-      // A longer text than the field holds is cut.
-      CopyCut(p_av->m_s_frame_type, UI_FRAME_TYPE_TEXT, static_cast<const char*>(p_el_av->value));
-      TRACE44(TLOG_ARC_TRACE, "<%lld>on frame type %s ", i64_cam_lv, p_av->m_s_frame_type);
-    }
-  } else if (field_lv == FF_GET) {
-    p_rd_av->m_b_ok = false;
-  } else {
-    return false;
+      return true;
+    case FF_TYPE:
+      if (p_el_av->value != nullptr) {
+        // A longer text than the field holds is cut.
+        CopyCut(p_av->m_s_frame_type, UI_FRAME_TYPE_TEXT, static_cast<const char*>(p_el_av->value));
+        TRACE44(TLOG_ARC_TRACE, "<%lld>on frame type %s ", i64_cam_lv, p_av->m_s_frame_type);
+      }
+      return true;
+    case FF_GET:
+      p_rd_av->m_b_ok = false;
+      return true;
+    default:
+      return false;
   }
-  return true;
 }
 
 void WalkFrame(CWriter* p_av, ProfileParam* p_frame_av, TFrameRead* p_rd_av) {
-  for (const ProfileParam* p_lv = p_frame_av; p_lv->type != PP_END; p_lv++) {
+  int32_t i_pos_lv = 0;
+  for (const ProfileParam* p_lv = p_frame_av; p_lv->type != PP_END; p_lv++, i_pos_lv++) {
     if (!p_rd_av->m_b_ok) continue;
-    ReadKnown(p_av, p_lv, p_rd_av);
+    TFrameField field_lv = FieldOf(p_lv);
+    if (i_pos_lv < I_FIELDS_KEPT) p_rd_av->m_ui_fields[i_pos_lv] = static_cast<uint8_t>(field_lv);
+    ReadKnown(p_av, p_lv, field_lv, p_rd_av);
     p_rd_av->m_i_count++;
   }
 }
@@ -294,7 +312,10 @@ void CorrectTime(CWriter* p_av, int64_t i64_time_av, int64_t i64_now_av) {
 // clock reading behind "prevt" is kept for every frame all the same.
 void LogTimes(CWriter* p_av, int64_t i64_orig_av, int64_t i64_now_av) {
   long long i64_cam_lv = static_cast<long long>(InfoCamId(p_av->m_camera_info_w));
-  if (LogTraceWanted(TLOG_ARC_TRACE)) {
+  // Asked once for both lines: the trace call between them drops its line
+  // itself should the levels have changed at its check.
+  bool b_trace_lv = LogTraceWanted(TLOG_ARC_TRACE);
+  if (b_trace_lv) {
     char s_orig_lv[FILE_TIME_TEXT_SIZE];
     char s_corr_lv[FILE_TIME_TEXT_SIZE];
     char s_syst_lv[FILE_TIME_TEXT_SIZE];
@@ -311,7 +332,7 @@ void LogTimes(CWriter* p_av, int64_t i64_orig_av, int64_t i64_now_av) {
     p_av->m_i64_prev_local_time = FileTimeNowLocalI64();
   }
   AtomicPut(&p_av->m_status.m_i64_last_source_stat, i64_now_av);
-  if (!LogTraceWanted(TLOG_ARC_TRACE)) return;
+  if (!b_trace_lv) return;
   char s_now_lv[FILE_TIME_TEXT_SIZE];
   FileTimeToText(static_cast<uint64_t>(i64_now_av), s_now_lv);
   TRACE45(TLOG_ARC_TRACE, TSEV_TRACE, "<%lld_%lld>on_frame_level1 m_i64_last_source_stat %s", i64_cam_lv,
@@ -349,8 +370,8 @@ void LogIndexGap(CWriter* p_av, int64_t i64_index_av) {
 
 // Elements that are the frame itself or the source's own business do not
 // go into the parameter section.
-bool CarriedAsParam(const ProfileParam* p_av) {
-  switch (FieldOf(p_av)) {
+bool CarriedAsParam(TFrameField field_av) {
+  switch (field_av) {
     case FF_PARENT:
     case FF_DATA:
     case FF_EXTRA:
@@ -365,29 +386,79 @@ bool CarriedAsParam(const ProfileParam* p_av) {
   }
 }
 
-uint64_t ParamsSize(const ProfileParam* p_list_av) {
+// The elements of a list chosen for the parameter section, each with its
+// record length, measured once for the size and the write.
+const int32_t I_PLAN_MAX = 32;
+struct TParamPlan {
+  const ProfileParam* m_p_params[I_PLAN_MAX];
+  uint32_t m_ui_lengths[I_PLAN_MAX];
+  int32_t m_i_count;
+  bool m_b_whole;  // false: more elements than the plan holds
+};
+
+// The kind of the element at a position: as the walk kept it, or looked up
+// anew beyond what it keeps (the local list has no walk).
+TFrameField FieldAt(const TFrameRead* p_rd_av, int32_t i_pos_av, const ProfileParam* p_av) {
+  if (p_rd_av != nullptr && i_pos_av < I_FIELDS_KEPT) return static_cast<TFrameField>(p_rd_av->m_ui_fields[i_pos_av]);
+  return FieldOf(p_av);
+}
+
+uint64_t ParamsSize(const ProfileParam* p_list_av, const TFrameRead* p_rd_av, TParamPlan* p_plan_av) {
   uint64_t ui64_lv = 0;
-  for (const ProfileParam* p_lv = p_list_av; p_lv->type != PP_END; p_lv++)
-    if (CarriedAsParam(p_lv)) ui64_lv += ParamRecordLength(p_lv);
+  int32_t i_pos_lv = 0;
+  for (const ProfileParam* p_lv = p_list_av; p_lv->type != PP_END; p_lv++, i_pos_lv++) {
+    if (!CarriedAsParam(FieldAt(p_rd_av, i_pos_lv, p_lv))) continue;
+    uint64_t ui64_len_lv = ParamRecordLength(p_lv);
+    ui64_lv += ui64_len_lv;
+    if (p_plan_av->m_i_count == I_PLAN_MAX) {
+      p_plan_av->m_b_whole = false;
+      continue;
+    }
+    p_plan_av->m_p_params[p_plan_av->m_i_count] = p_lv;
+    p_plan_av->m_ui_lengths[p_plan_av->m_i_count] = static_cast<uint32_t>(ui64_len_lv);
+    p_plan_av->m_i_count++;
+  }
   return ui64_lv;
 }
 
-void EncodeList(CWriter* p_av, const ProfileParam* p_list_av) {
-  for (const ProfileParam* p_lv = p_list_av; p_lv->type != PP_END; p_lv++)
-    if (CarriedAsParam(p_lv))
+void EncodeList(CWriter* p_av, const ProfileParam* p_list_av, const TFrameRead* p_rd_av) {
+  int32_t i_pos_lv = 0;
+  for (const ProfileParam* p_lv = p_list_av; p_lv->type != PP_END; p_lv++, i_pos_lv++)
+    if (CarriedAsParam(FieldAt(p_rd_av, i_pos_lv, p_lv)))
       EncodeParam(p_lv, &p_av->m_pb_params, &p_av->m_ui_params_capacity, &p_av->m_ui_params_size);
+}
+
+// The measured records, written one after the other. A record that cannot
+// be encoded, or a buffer that could not grow, goes through EncodeParam,
+// which says why.
+void EncodePlan(CWriter* p_av, const TParamPlan* p_plan_av, int32_t i_from_av, int32_t i_to_av) {
+  for (int32_t i_lv = i_from_av; i_lv < i_to_av; i_lv++) {
+    uint32_t ui_len_lv = p_plan_av->m_ui_lengths[i_lv];
+    uint64_t ui64_end_lv = static_cast<uint64_t>(p_av->m_ui_params_size) + ui_len_lv;
+    if (ui_len_lv == 0 || ui64_end_lv > p_av->m_ui_params_capacity) {
+      EncodeParam(p_plan_av->m_p_params[i_lv], &p_av->m_pb_params, &p_av->m_ui_params_capacity,
+                  &p_av->m_ui_params_size);
+      continue;
+    }
+    p_av->m_ui_params_size +=
+        WriteParamRecord(p_plan_av->m_p_params[i_lv], ui_len_lv, p_av->m_pb_params + p_av->m_ui_params_size);
+  }
 }
 
 // The frame's other elements and the local list, encoded for the
 // parameter section; the buffer is kept between frames and only grows.
-void EncodeFrameParams(CWriter* p_av, const ProfileParam* p_frame_av, TWaitStat* p_wd_av) {
+void EncodeFrameParams(CWriter* p_av, const ProfileParam* p_frame_av, const TFrameRead* p_rd_av, TWaitStat* p_wd_av) {
   int64_t i64_prev_write_lv = 0;
   ProfileParam local_lv[] = {{PP_INT64, "arc_prev_write", &i64_prev_write_lv}, {PP_END, nullptr, nullptr}};
+  TParamPlan plan_lv;
+  plan_lv.m_i_count = 0;
+  plan_lv.m_b_whole = true;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20124, 4);
   p_av->m_ui_params_size = 0;
-  uint64_t ui64_size_lv = p_frame_av != nullptr ? ParamsSize(p_frame_av) : 0;
+  uint64_t ui64_size_lv = p_frame_av != nullptr ? ParamsSize(p_frame_av, p_rd_av, &plan_lv) : 0;
+  int32_t i_frame_count_lv = plan_lv.m_i_count;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20125, 5);
-  ui64_size_lv += ParamsSize(local_lv);
+  ui64_size_lv += ParamsSize(local_lv, nullptr, &plan_lv);
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20126, 6);
   if (ui64_size_lv <= 0x7FFFFFFFu && p_av->m_ui_params_capacity < ui64_size_lv) {
     uint8_t* pb_lv = p_av->m_pb_params;
@@ -398,9 +469,16 @@ void EncodeFrameParams(CWriter* p_av, const ProfileParam* p_frame_av, TWaitStat*
     }
   }
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20127, 7);
-  if (p_frame_av != nullptr) EncodeList(p_av, p_frame_av);
+  // A list longer than the plan is encoded the long way, measure and all.
+  if (!plan_lv.m_b_whole) {
+    if (p_frame_av != nullptr) EncodeList(p_av, p_frame_av, p_rd_av);
+    Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20128, 8);
+    EncodeList(p_av, local_lv, nullptr);
+    return;
+  }
+  EncodePlan(p_av, &plan_lv, 0, i_frame_count_lv);
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20128, 8);
-  EncodeList(p_av, local_lv);
+  EncodePlan(p_av, &plan_lv, i_frame_count_lv, plan_lv.m_i_count);
 }
 
 // Nothing goes to the archive before the first key frame of the channel or
@@ -490,7 +568,7 @@ void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av
   TRACE44(TLOG_ARC_TRACE, "<profdata%lld>start on frame prishel kadr", i64_cam_lv);
   ClearFrame(p_av);
   StableMark(i_slot_lv, 21011);
-  int32_t b_need_lv = NeedWrite(&p_av->m_by_event, i_slot_lv);
+  int32_t b_need_lv = NeedWriteAt(&p_av->m_by_event, i_slot_lv, i64_now_lv);
   StableMark(i_slot_lv, 21012);
   AtomicPut(&p_av->m_status.m_b_last_need, b_need_lv);
   StableMark(i_slot_lv, 21013);
@@ -498,7 +576,7 @@ void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av
   if (b_need_lv == 1 && p_av->m_b_need_prev == 0) p_av->m_b_key_since_need = 0;
   p_av->m_b_need_prev = b_need_lv;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20122, 2);
-  TFrameRead rd_lv = {nullptr, 0, 0, 0, true, false};
+  TFrameRead rd_lv = {nullptr, 0, 0, 0, true, false, {}};
   bool b_ok_lv = false;
   if (b_need_lv == 1) {
     p_av->m_ui_params_size = 0;
@@ -506,7 +584,7 @@ void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av
   }
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20123, 3);
   if (b_ok_lv) {
-    EncodeFrameParams(p_av, p_frame_av, p_wd_av);
+    EncodeFrameParams(p_av, p_frame_av, &rd_lv, p_wd_av);
     b_ok_lv = ReadyToWrite(p_av);
   }
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20129, 9);

@@ -184,9 +184,7 @@ int32_t WriteData(TCameraInfoW* p_av, int32_t i_slot_av) {
 namespace {
 
 void Mark(TWaitStat* p_wd_av, int32_t i_group_av, int32_t i_point_av, int32_t i_state_av) {
-  if (p_wd_av == nullptr) return;
-  WaitState(p_wd_av, i_group_av, i_state_av);
-  StableMark(p_wd_av->m_i_stable_slot, i_point_av);
+  WaitStateMark(p_wd_av, i_group_av, i_state_av, i_point_av);
 }
 
 // A new session under m_crit_sect, so that its keys are never half changed

@@ -122,6 +122,41 @@ StreamSummary SummariseStream(const StreamRef& stream_av, int64_t i64_gap_ticks_
 
 namespace {
 
+// The entries of a segment whose index ends exactly where the segment
+// does; false where only a read of the records can tell (index lagging,
+// damaged or missing, segment cut).
+bool IndexCovers(const StreamRef& stream_av, uint32_t ui_seq_av, std::vector<IndexEntry>* p_out_av) {
+  SegHead head_lv;
+  struct stat st_lv {};
+  std::string s_seg_lv = SegPath(stream_av, ui_seq_av);
+  if (!ReadSegHead(s_seg_lv, &head_lv) || stat(s_seg_lv.c_str(), &st_lv) != 0) return false;
+  uint64_t ui64_idx_size_lv = 0;
+  if (!ReadIndex(IdxPath(stream_av, ui_seq_av), head_lv.m_ui_version, p_out_av, &ui64_idx_size_lv)) return false;
+  if (p_out_av->empty() || ui64_idx_size_lv != p_out_av->size() * IDX_ENTRY_SIZE) return false;
+  const IndexEntry& last_lv = p_out_av->back();
+  return last_lv.m_ui64_offset + REC_HEAD_SIZE + last_lv.m_ui_size == static_cast<uint64_t>(st_lv.st_size);
+}
+
+}  // namespace
+
+StreamCount CountStream(const StreamRef& stream_av) {
+  StreamCount count_lv;
+  for (uint32_t ui_seq_lv : stream_av.m_segs) {
+    std::vector<IndexEntry> entries_lv;
+    if (!IndexCovers(stream_av, ui_seq_lv, &entries_lv)) {
+      SegScan scan_lv;
+      ScanSegment(SegPath(stream_av, ui_seq_lv), &scan_lv);
+      entries_lv.swap(scan_lv.m_entries);
+    }
+    count_lv.m_ui64_frames += entries_lv.size();
+    for (const IndexEntry& entry_lv : entries_lv)
+      if (entry_lv.m_ui_type & TYPE_KEY) count_lv.m_ui64_key_frames++;
+  }
+  return count_lv;
+}
+
+namespace {
+
 // State of the checks carried across the frames of a stream.
 struct VerifyState {
   VerifyReport* m_p_report;

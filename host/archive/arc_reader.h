@@ -43,6 +43,14 @@ struct StreamSummary {
 };
 StreamSummary SummariseStream(const StreamRef& stream_av, int64_t i64_gap_ticks_av);
 
+// Frames and key frames of a stream, from the indexes where they cover
+// their segments, so that a count does not read and check every record.
+struct StreamCount {
+  uint64_t m_ui64_frames = 0;
+  uint64_t m_ui64_key_frames = 0;
+};
+StreamCount CountStream(const StreamRef& stream_av);
+
 struct VerifyReport {
   uint64_t m_ui64_frames = 0;
   int m_i_errors = 0;

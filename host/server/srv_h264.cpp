@@ -2,15 +2,24 @@
 // srv_h264.h). Called by the file source when it loads its file.
 #include "host/server/srv_h264.h"
 
+#include <cstring>
+
 namespace {
 
 // NAL unit type of the unit whose header byte is at pb_av.
 int NalType(uint8_t ui_header_av) { return ui_header_av & 0x1F; }
 
-// Position of the next 00 00 01 at or after from, or size.
+// Position of the next 00 00 01 at or after from, or size. The 01 is looked
+// for with memchr, which goes through a picture a vector at a time: a byte
+// loop over every byte of every frame was a tenth of writer-host's CPU when
+// it records a file as fast as it goes.
 size_t FindStartCode(const uint8_t* pb_av, size_t ui_size_av, size_t ui_from_av) {
-  for (size_t ui_lv = ui_from_av; ui_lv + 3 <= ui_size_av; ui_lv++)
-    if (pb_av[ui_lv] == 0 && pb_av[ui_lv + 1] == 0 && pb_av[ui_lv + 2] == 1) return ui_lv;
+  for (size_t ui_one_lv = ui_from_av + 2; ui_one_lv < ui_size_av; ui_one_lv++) {
+    const void* p_lv = memchr(pb_av + ui_one_lv, 1, ui_size_av - ui_one_lv);
+    if (p_lv == nullptr) break;
+    ui_one_lv = static_cast<size_t>(static_cast<const uint8_t*>(p_lv) - pb_av);
+    if (pb_av[ui_one_lv - 1] == 0 && pb_av[ui_one_lv - 2] == 0) return ui_one_lv - 2;
+  }
   return ui_size_av;
 }
 

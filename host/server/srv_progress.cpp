@@ -114,7 +114,7 @@ SrvStored SrvStoredOf(const std::string& s_root_av, const SrvCamera& camera_av) 
     size_t ui_slash_lv = stream_lv.m_s_camera.rfind('/');
     std::string s_last_lv = ui_slash_lv == std::string::npos ? stream_lv.m_s_camera : stream_lv.m_s_camera.substr(ui_slash_lv + 1);
     if (s_last_lv != out_lv.m_s_folder) continue;
-    warc::StreamSummary sum_lv = warc::SummariseStream(stream_lv, 50000000);
+    warc::StreamCount sum_lv = warc::CountStream(stream_lv);
     (stream_lv.m_s_kind == "audio" ? out_lv.m_ui64_audio : out_lv.m_ui64_video) += sum_lv.m_ui64_frames;
     out_lv.m_ui64_keys += stream_lv.m_s_kind == "audio" ? 0 : sum_lv.m_ui64_key_frames;
   }

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 
+#include "linux/common_use/service/Stable.h"
 #include "linux/common_use/temp/tools.h"
 #include "platform/pl_clock.h"
 #include "platform/pl_sync.h"
@@ -124,20 +125,32 @@ void WaitStatDestroy(TWaitStat* p_wd_av);
 // Books the time since the group's last change to its present state and
 // moves it to the new one. A null statistic or a group or state outside the
 // table is ignored.
-inline void WaitState(TWaitStat* p_wd_av, int32_t i_group_av, int32_t i_state_av) {
+inline void WaitStateAt(TWaitStat* p_wd_av, int32_t i_group_av, int32_t i_state_av, int64_t i64_now_av) {
   if (p_wd_av == nullptr || p_wd_av->m_p_groups == nullptr) return;
   if (static_cast<uint32_t>(i_group_av) >= static_cast<uint32_t>(WAIT_GROUP_NUM) ||
       static_cast<uint32_t>(i_state_av) >= static_cast<uint32_t>(WAIT_STATE_NUM)) {
     return;
   }
   TWaitGroup* p_group_lv = &p_wd_av->m_p_groups[i_group_av];
-  p_group_lv->m_i64_now = PlPerfCounter();
+  p_group_lv->m_i64_now = i64_now_av;
   int32_t i_old_lv = p_group_lv->m_i_state;
   if (static_cast<uint32_t>(i_old_lv) < static_cast<uint32_t>(WAIT_STATE_NUM)) {
     p_group_lv->m_i64_times[i_old_lv] += p_group_lv->m_i64_now - p_group_lv->m_i64_last;
   }
   p_group_lv->m_i_state = i_state_av;
   p_group_lv->m_i64_last = p_group_lv->m_i64_now;
+}
+inline void WaitState(TWaitStat* p_wd_av, int32_t i_group_av, int32_t i_state_av) {
+  if (p_wd_av == nullptr || p_wd_av->m_p_groups == nullptr) return;
+  WaitStateAt(p_wd_av, i_group_av, i_state_av, PlPerfCounter());
+}
+// A state of the statistic and a point of the thread's stability slot
+// entered at the same moment: one counter reading books both.
+inline void WaitStateMark(TWaitStat* p_wd_av, int32_t i_group_av, int32_t i_state_av, int32_t i_point_av) {
+  if (p_wd_av == nullptr) return;
+  int64_t i64_now_lv = PlPerfCounter();
+  WaitStateAt(p_wd_av, i_group_av, i_state_av, i64_now_lv);
+  StableMarkAt(p_wd_av->m_i_stable_slot, i_point_av, i64_now_lv);
 }
 // Writes one "WD" line per group that spent time outside rest, then starts a
 // new span with all counters at zero. Form 2: buffering thread, 1: frame path.

@@ -101,27 +101,45 @@ inline void StableAdd(T* p_av, T v_av) {
   StableStore(p_av, static_cast<T>(StableLoad(p_av) + v_av));
 }
 
-// Books the time since the last mark to the previous point and moves on to
-// this one. On the frame path: no lock, no allocation. A slot of -1 (none)
-// returns at once; so do a slot or a point outside the tables, which would
-// otherwise write past them.
-inline void StableMark(int32_t i_slot_av, int32_t i_point_av) {
-  if (!StableSlotValid(i_slot_av) ||
-      static_cast<uint32_t>(i_point_av) >= static_cast<uint32_t>(STABLE_POINT_NUM)) {
-    return;
-  }
-  StableObject* p_lv = g_p_stable;
-  if (p_lv == nullptr) return;
-  StableSlot* p_slot_lv = &p_lv->m_slots[i_slot_av];
+// Books the time up to i64_now_av to the slot's previous point and moves it
+// on to this one.
+inline void StableMarkSlotAt(StableObject* p_av, int32_t i_slot_av, int32_t i_point_av, int64_t i64_now_av) {
+  StableSlot* p_slot_lv = &p_av->m_slots[i_slot_av];
   StableStore(&p_slot_lv->m_ui_counter, StableLoad(&p_slot_lv->m_ui_counter) + 1);
   StableStore(&p_slot_lv->m_i_point, i_point_av);
-  int64_t i64_now_lv = PlPerfCounter();
   int32_t i_prev_lv = StableLoad(&p_slot_lv->m_i_timing_point);
-  StableAdd(&p_lv->m_i64_time[i_prev_lv], i64_now_lv - StableLoad(&p_slot_lv->m_i64_start_ticks));
-  StableAdd(&p_lv->m_i_count[i_prev_lv], 1);
-  StableAdd(&p_lv->m_i64_total_count[i_prev_lv], static_cast<int64_t>(1));
-  StableStore(&p_slot_lv->m_i64_start_ticks, i64_now_lv);
+  StableAdd(&p_av->m_i64_time[i_prev_lv], i64_now_av - StableLoad(&p_slot_lv->m_i64_start_ticks));
+  StableAdd(&p_av->m_i_count[i_prev_lv], 1);
+  StableAdd(&p_av->m_i64_total_count[i_prev_lv], static_cast<int64_t>(1));
+  StableStore(&p_slot_lv->m_i64_start_ticks, i64_now_av);
   StableStore(&p_slot_lv->m_i_timing_point, i_point_av);
+}
+
+// The object a mark of this slot and point goes to; null where the mark
+// must not be made: a slot of -1 (none), a slot or a point outside the
+// tables (which would write past them), or no monitor.
+inline StableObject* StableMarkTarget(int32_t i_slot_av, int32_t i_point_av) {
+  if (!StableSlotValid(i_slot_av) ||
+      static_cast<uint32_t>(i_point_av) >= static_cast<uint32_t>(STABLE_POINT_NUM)) {
+    return nullptr;
+  }
+  return g_p_stable;
+}
+
+// Books the time since the last mark to the previous point and moves on to
+// this one. On the frame path: no lock, no allocation.
+inline void StableMark(int32_t i_slot_av, int32_t i_point_av) {
+  StableObject* p_lv = StableMarkTarget(i_slot_av, i_point_av);
+  if (p_lv == nullptr) return;
+  StableMarkSlotAt(p_lv, i_slot_av, i_point_av, PlPerfCounter());
+}
+
+// The same at a counter reading the caller has just taken for another
+// book of the same moment.
+inline void StableMarkAt(int32_t i_slot_av, int32_t i_point_av, int64_t i64_now_av) {
+  StableObject* p_lv = StableMarkTarget(i_slot_av, i_point_av);
+  if (p_lv == nullptr) return;
+  StableMarkSlotAt(p_lv, i_slot_av, i_point_av, i64_now_av);
 }
 
 // Called by the host at a crash with the id of the thread that crashed.
