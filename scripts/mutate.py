@@ -8,7 +8,8 @@ Each mutant is one small change at one place of one unit: a comparison
 turned (< and <=, > and >=, == and !=), && and || swapped, + and - swapped,
 a whole-number constant moved by one, or a call statement deleted. The
 sample is drawn with a fixed seed from every such place, so a run is
-repeatable. For each mutant the unit is changed in the working tree (the
+repeatable, and ranked by the line's text rather than its number, so an edit
+elsewhere in a unit keeps the sample. For each mutant the unit is changed in the working tree (the
 original is always put back, also on Ctrl-C), the build folder is brought
 up to date with ninja for the unit's own test programs, and those run
 first; a mutant they do not kill meets the whole plain suite. A mutant that
@@ -19,7 +20,6 @@ not counted either. The kill rate is over the rest.
 import argparse
 import hashlib
 import os
-import random
 import re
 import signal
 import subprocess
@@ -145,6 +145,9 @@ def delete_sites(line):
     if not m:
         return []
     body = m.group(2)
+    # The last line of a call that spans lines is no statement of its own.
+    if body.count("(") != body.count(")"):
+        return []
     # Trace lines and the stability and wait-statistics marks only observe.
     if body.startswith(("return", "if", "while", "for", "switch", "TRACE", "StableMark", "Mark(", "assert")):
         return []
@@ -167,8 +170,24 @@ def candidates():
                 continue
             for kind, fn in (("op", operator_sites), ("const", constant_sites), ("delete", delete_sites)):
                 for col, old, new in fn(line):
-                    out.append((unit, no, col, kind, old, new))
+                    out.append((unit, no, col, kind, old, new, mutant_key(unit, line, col, old, new)))
     return out
+
+
+def draw(pool, seed, count):
+    """The `count` places that rank first by a hash of the seed and the
+    place's key. The key names the line by its text, not its number, so an
+    edit elsewhere in a unit leaves the sample as it was: only mutants of
+    lines that changed drop out or come in. Places with the same key (the
+    same line text twice in a unit) are told apart by their order."""
+    seen = {}
+    ranked = []
+    for site in pool:
+        key = site[6]
+        seen[key] = seen.get(key, 0) + 1
+        ranked.append((hashlib.sha1(("%d %s %d" % (seed, key, seen[key])).encode()).hexdigest(), site))
+    ranked.sort()
+    return [site for _, site in ranked[:count]]
 
 
 def mutant_key(unit, line_text, col, old, new):
@@ -213,13 +232,12 @@ def main():
     args = ap.parse_args()
 
     pool = candidates()
-    rng = random.Random(args.seed)
-    sample = rng.sample(pool, min(args.count, len(pool)))
+    sample = draw(pool, args.seed, args.count)
     equivalent = load_equivalent()
     print("mutate: %d places in %d units; sample of %d, seed %d" % (len(pool), len(UNITS), len(sample), args.seed),
           flush=True)
     if args.list:
-        for i, (unit, no, col, kind, old, new) in enumerate(sample, 1):
+        for i, (unit, no, col, kind, old, new, _) in enumerate(sample, 1):
             print("%3d %s:%d:%d %s %r -> %r" % (i, unit, no, col + 1, kind, old, new))
         return 0
 
@@ -260,14 +278,13 @@ def main():
     survivors = []
     t0 = time.time()
     try:
-        for i, (unit, no, col, kind, old, new) in enumerate(sample, 1):
+        for i, (unit, no, col, kind, old, new, key) in enumerate(sample, 1):
             if picked and i not in picked:
                 continue
             path = os.path.join(ROOT, unit)
             text = open(path).read()
             lines = text.split("\n")
             line = lines[no - 1]
-            key = mutant_key(unit, line, col, old, new)
             where = "%3d %s:%d:%d %s %r -> %r" % (i, unit, no, col + 1, kind, old, new)
             if key in equivalent:
                 counts["equivalent"] += 1
