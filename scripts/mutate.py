@@ -8,9 +8,10 @@ Each mutant is one small change at one place of one unit: a comparison
 turned (< and <=, > and >=, == and !=), && and || swapped, + and - swapped,
 a whole-number constant moved by one, or a call statement deleted. The
 sample is drawn with a fixed seed from every such place, so a run is
-repeatable, and ranked by the line's text rather than its number, so an edit
-elsewhere in a unit keeps the sample. For each mutant the unit is changed in the working tree (the
-original is always put back, also on Ctrl-C), the build folder is brought
+repeatable, and ranked by the line's text rather than its number, so an
+edit elsewhere in a unit keeps the sample. For each mutant the unit is
+changed in the working tree (the original is always put back, also on
+Ctrl-C), the build folder is brought
 up to date with ninja for the unit's own test programs, and those run
 first; a mutant they do not kill meets the whole plain suite. A mutant that
 does not build is not counted. Mutants marked by hand as equivalent (the
@@ -254,7 +255,10 @@ def main():
 
     # Every test program of the suite (CTest names them after their targets).
     listed = subprocess.run(["ctest", "--test-dir", args.build, "-N"], capture_output=True, text=True).stdout
-    all_tests = [t for t in re.findall(r"Test\s+#\d+: (\S+)", listed) if t.startswith("test_")]
+    # Only those built from a target: CTest also runs scripts (the layer
+    # check, the dashboard) that ninja cannot build.
+    all_tests = [t for t in re.findall(r"Test\s+#\d+: (\S+)", listed)
+                 if t.startswith("test_") and os.path.exists(os.path.join(args.build, "bin", t))]
     originals = {}
 
     def restore(*_):
