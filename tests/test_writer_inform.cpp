@@ -41,22 +41,32 @@ TEST_F(InformTest, AStallIsForgivenDuringTheGraceThenConfirmationsStopAndTheirEx
   SourceAlive();
   IAmLive(m_buff, -1);  // within 5 s: no run
   EXPECT_EQ(1, Registers());
-  Advance(1801);
+  Advance(1800);
+  SourceAlive();
+  IAmLive(m_buff, -1);  // the grace's last instant still forgives
+  EXPECT_EQ(2, Registers());
+  EXPECT_TRUE(m_events.event_types.empty());
+  Advance(18);
+  SourceAlive();
+  IAmLive(m_buff, -1);  // stalled: no confirmation, the last one 18 s old
+  EXPECT_EQ(2, Registers());
+  EXPECT_TRUE(m_events.event_types.empty());
+  Advance(6);
   SourceAlive();
   IAmLive(m_buff, -1);
-  EXPECT_EQ(1, Registers());
+  EXPECT_EQ(2, Registers());
   ASSERT_EQ(1u, m_events.event_types.size());
   EXPECT_EQ(60002, m_events.event_types[0]);
   EXPECT_EQ("I am live confirm erpired video", m_events.comments[0]);
   Advance(6);
   SourceAlive();
   IAmLive(m_buff, -1);
-  EXPECT_EQ(1, Registers());
+  EXPECT_EQ(2, Registers());
   EXPECT_EQ(1u, m_events.event_types.size());  // at most every 600 s
   // A silent source is no stall of the writer.
   Advance(6);
   IAmLive(m_buff, -1);
-  EXPECT_EQ(2, Registers());
+  EXPECT_EQ(3, Registers());
 }
 
 // The archive is asked about the channel's own storage: another storage

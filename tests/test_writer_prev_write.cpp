@@ -3,15 +3,9 @@
 // how the ring sizes itself, where output starts when an event comes, what
 // reaches the archive in which order, and what damaged or outsized input
 // does. All on the test's thread, as on the buffering one.
-#include <dlfcn.h>
-
 #include <algorithm>
-#include <fstream>
 
-#include "include/host/log_api.h"
-#include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"
-#include "tests/test_text_util.h"
 #include "tests/test_writer_channel.h"
 #include "writer/writer_prev_write.h"
 #include "writer/writer_process.h"
@@ -291,21 +285,14 @@ class PrevWriteLogTest : public PrevWriteTest {
  protected:
   void SetUp() override {
     PrevWriteTest::SetUp();
-    ASSERT_NE(nullptr, m_log = dlopen(WRITER_BIN_DIR "/liblog.so", RTLD_NOW | RTLD_LOCAL)) << dlerror();
-    std::ofstream(m_dir.m_s_path + "/log.conf") << "arc.trace = 5000\n";
-    auto configure = reinterpret_cast<LogConfigureFn>(dlsym(m_log, "log_configure"));
-    ASSERT_EQ(0, configure(m_dir.m_s_path.c_str(), (m_dir.m_s_path + "/log.conf").c_str()));
-    core_set_path("log-1", WRITER_BIN_DIR "/liblog.so");
-    LogDllLoad();
+    m_log.Open(m_dir.m_s_path, "arc.trace = 5000\n");
   }
   void TearDown() override {
-    LogDllUnload();
-    core_set_path("log-1", nullptr);
-    if (m_log != nullptr) dlclose(m_log);
+    m_log.Close();
     PrevWriteTest::TearDown();
   }
-  std::string Log(const char* name) { return ReadAll(m_dir.m_s_path + "/" + name + ".log"); }
-  void* m_log = nullptr;
+  std::string Log(const char* name) { return m_log.Read(name); }
+  writer_test::TestLog m_log;
 };
 
 TEST_F(PrevWriteLogTest, NoKeyFrameABadMagicAndTheReaderCatchingUpAreLogged) {

@@ -237,4 +237,44 @@ TEST_F(ChannelTest, ADamagedRecordRepeatsThePreviousFrameUntilTheStop) {
   EXPECT_EQ(1, m_buff->m_buffs[0].m_i_frame_num_b);  // the damaged one stays counted
 }
 
+
+// What the trace tells of a channel, read back from the reference log.
+class ChannelTraceTest : public ChannelTest {
+ protected:
+  void SetUp() override {
+    ChannelTest::SetUp();
+    m_log.Open(m_dir.m_s_path, "arc.trace = 5000\n");
+  }
+  void TearDown() override {
+    m_log.Close();
+    ChannelTest::TearDown();
+  }
+  std::string Cam() { return std::to_string(InfoCamId(m_info)); }
+  writer_test::TestLog m_log;
+};
+
+TEST_F(ChannelTraceTest, AFrameNamesItsCodeAndAChannelWithoutCameraInfoNamesCameraZero) {
+  Send(true);
+  EXPECT_EQ(1, Count(m_log.Read("arc.trace"), "<" + Cam() + ">on frame fcc 875967048 H264 \n"));
+  { CWriteBuffering bare(nullptr); }
+  EXPECT_EQ(1, Count(m_log.Read("arc"), "<alive0_0> bef unregister_alive wr handle -1 \n"));
+}
+
+// Once a minute the buffering thread tells how it spent its time, in the
+// form operators' tools read. The thread runs here on its own: the clock
+// moves while it waits, and the line is looked for a bounded while.
+TEST_F(ChannelTraceTest, TheBufferingThreadPrintsItsWaitStatisticsEveryMinute) {
+  std::string head = "<wd_" + Cam() + "_" + std::to_string(m_w->m_i64_type_id) + "_2> SCwaitPerc 0 ";
+  ASSERT_EQ(RC_OK, StartThreadWriteBuffering(m_buff));
+  bool seen = false;
+  for (int i = 0; i < 100 && !seen; i++) {
+    Advance(61);
+    m_buff->m_h_event_activate_thread_write_buffering->Set();
+    PlSleep(20);
+    seen = Count(m_log.Read("arc.tracedecim"), head) > 0;
+  }
+  ExitThreadWriteBuffering(m_buff);
+  EXPECT_TRUE(seen);
+}
+
 }  // namespace
