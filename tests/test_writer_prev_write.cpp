@@ -177,16 +177,6 @@ TEST_F(PrevWriteTest, KeyFramesFurtherApartThanTheSpanKeepEverythingSinceTheLast
   EXPECT_EQ(Range(0, 520), Numbers());
 }
 
-TEST_F(PrevWriteTest, AFrameLargerThanSeveralBuffersIsSplitAndComesBackWhole) {
-  CPrevWrite ring(m_w, 7);
-  Frame(1, kKey, 3000000, &ring);  // 256 + 384 + 576 + 864 + 1296 KiB
-  EXPECT_EQ(5, Used(&ring));
-  OnEvent_Vart2(m_e);
-  Stream(2, 3, 25, 100, &ring);
-  ASSERT_EQ(Range(1, 3), Numbers());
-  EXPECT_TRUE(Payload(1, 3000000) == g_stored[0]);
-}
-
 // Fewer than 8 bytes left are never used: the record goes whole to the
 // next buffer. With 8 the head begins there and runs on. The reader
 // follows either way.
@@ -294,6 +284,21 @@ class PrevWriteLogTest : public PrevWriteTest {
   std::string Log(const char* name) { return m_log.Read(name); }
   writer_test::TestLog m_log;
 };
+
+// The trace names the time of a record put together from its parts.
+TEST_F(PrevWriteLogTest, AFrameLargerThanSeveralBuffersIsSplitAndComesBackWhole) {
+  CPrevWrite ring(m_w, 7);
+  Frame(1, kKey, 3000000, &ring);  // 256 + 384 + 576 + 864 + 1296 KiB
+  char time[FILE_TIME_TEXT_SIZE];
+  FileTimeToText(static_cast<uint64_t>(Now()), time);
+  EXPECT_EQ(5, Used(&ring));
+  OnEvent_Vart2(m_e);
+  Stream(2, 3, 25, 100, &ring);
+  ASSERT_EQ(Range(1, 3), Numbers());
+  EXPECT_TRUE(Payload(1, 3000000) == g_stored[0]);
+  EXPECT_EQ(1, Count(Log("arc.trace"), std::string(" fr tim ") + time + " \n"));
+  EXPECT_EQ(0, Count(Log("arc"), "twice alloc"));
+}
 
 TEST_F(PrevWriteLogTest, NoKeyFrameABadMagicAndTheReaderCatchingUpAreLogged) {
   CPrevWrite ring(m_w, 7);
