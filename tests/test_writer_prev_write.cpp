@@ -161,9 +161,11 @@ TEST_F(PrevWriteTest, RingSettlesOnASteadyStreamAndShrinksWhenTheStreamThins) {
   EXPECT_EQ(grown, most);
   EXPECT_LE(Capacity(Ring()), 8000000);
   // A tenth of the rate: the largest buffers prove superfluous and go, at
-  // the pace of whole turns of the ring.
-  Stream(25 * 90, 25 * 240 - 1, 25, 4000);
+  // the pace of whole turns of the ring; the first within 20 s.
+  Stream(25 * 90, 25 * 110 - 1, 25, 4000);
   EXPECT_LT(Used(Ring()), grown);
+  Stream(25 * 110, 25 * 240 - 1, 25, 4000);
+  EXPECT_LT(Used(Ring()), grown - 2);
   EXPECT_GE(StartAge(Ring()), 2 * kSecond);
   EXPECT_TRUE(g_stored.empty());
 }
