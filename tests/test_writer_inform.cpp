@@ -20,9 +20,11 @@ class InformTest : public ChannelTest {
     ProfileCallback cb = {&m_alive, reinterpret_cast<void*>(&Heard::On)};
     m_h_alive = profile_open("alive_track", &cb, __FILE__, __LINE__);
   }
+  // Whatever a test did, the channel's end takes it off the watch.
   void TearDown() override {
-    profile_close(m_h_alive);
     ChannelTest::TearDown();
+    EXPECT_EQ("unregister", m_alive.firsts.empty() ? "" : m_alive.firsts.back());
+    profile_close(m_h_alive);
   }
   void SourceAlive() { AtomicPut(&m_w->m_status.m_i64_last_source_stat, static_cast<int64_t>(FileTimeNowLocal())); }
   int Registers() {

@@ -301,6 +301,8 @@ TEST_F(ChannelTraceTest, TheBufferingThreadPrintsItsWaitStatisticsEveryMinute) {
   }
   ExitThreadWriteBuffering(m_buff);
   EXPECT_TRUE(seen);
+  // The stopped thread's events are given back: a restart makes new ones.
+  EXPECT_EQ(nullptr, m_buff->m_h_event_activate_thread_write_buffering);
 }
 
 }  // namespace
