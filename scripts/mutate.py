@@ -11,12 +11,14 @@ sample is drawn with a fixed seed from every such place, so a run is
 repeatable, and ranked by the line's text rather than its number, so an
 edit elsewhere in a unit keeps the sample. For each mutant the unit is
 changed in the working tree (the original is always put back, also on
-Ctrl-C), the build folder is brought
-up to date with ninja for the unit's own test programs, and those run
-first; a mutant they do not kill meets the whole plain suite. A mutant that
-does not build is not counted. Mutants marked by hand as equivalent (the
-program behaves the same either way) in scripts/mutate-equivalent.txt are
-not counted either. The kill rate is over the rest.
+Ctrl-C), the build folder is brought up to date with ninja for the unit's
+own test programs, and those run first; a mutant they do not kill meets
+the whole plain suite, then the unit's programs again under
+AddressSanitizer (a leak or a write past a block is a fault the tests
+catch there). A mutant that does not build is not counted. Mutants marked
+by hand as equivalent (the program behaves the same either way) in
+scripts/mutate-equivalent.txt are not counted either. The kill rate is
+over the rest.
 """
 import argparse
 import hashlib
@@ -229,6 +231,8 @@ def main():
     ap.add_argument("--build", default=os.path.join(ROOT, "build-mut"))
     ap.add_argument("--list", action="store_true", help="print the sample and stop")
     ap.add_argument("--jobs", default="2")
+    ap.add_argument("--asan", default=os.path.join(ROOT, "build-mut-asan"),
+                    help="build folder for the sanitizer stage of survivors; '' skips it")
     ap.add_argument("--pick", default="", help="only these mutants of the sample, by number: 3,7-9")
     args = ap.parse_args()
 
@@ -273,6 +277,22 @@ def main():
 
     signal.signal(signal.SIGINT, on_signal)
     signal.signal(signal.SIGTERM, on_signal)
+
+    def under_asan(unit):
+        """The unit's programs once more with AddressSanitizer and the
+        undefined-behaviour checks, as the test command runs them: a leak,
+        a write past a block or a shift too far is a kill too."""
+        if not args.asan:
+            return None
+        if not os.path.exists(os.path.join(args.asan, "build.ninja")):
+            subprocess.check_call(["cmake", "-S", ROOT, "-B", args.asan, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
+                                   "-DWRITER_SANITIZER=address"], stdout=subprocess.DEVNULL)
+        for t in UNITS[unit]:
+            if run(["ninja", "-C", args.asan, "-j", args.jobs, t], 3600, log) != 0:
+                return None
+            if run([os.path.join(args.asan, "bin", t)], 600, log) != 0:
+                return "killed under ASan by " + t
+        return None
 
     picked = set()
     for part in filter(None, args.pick.split(",")):
@@ -319,7 +339,7 @@ def main():
                           "--repeat", "until-pass:2"], 3600, log) != 0:
                     verdict = "killed by the suite"
                 else:
-                    verdict = "SURVIVED"
+                    verdict = under_asan(unit) or "SURVIVED"
             restore()
             if verdict == "no build":
                 counts["no build"] += 1
@@ -331,8 +351,10 @@ def main():
             print("%s  %s" % (where, verdict), flush=True)
     finally:
         restore()
-    # Bring the build folder back to the unchanged tree for the next run.
+    # Bring the build folders back to the unchanged tree for the next run.
     run(["ninja", "-C", args.build, "-j", args.jobs], 3600, log)
+    if args.asan and os.path.exists(os.path.join(args.asan, "build.ninja")):
+        run(["ninja", "-C", args.asan, "-j", args.jobs] + all_tests, 3600, log)
 
     judged = counts["killed"] + counts["survived"]
     rate = 100.0 * counts["killed"] / judged if judged else 0.0
