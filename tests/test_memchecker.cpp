@@ -4,11 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <atomic>
-#include <fstream>
+#include <sstream>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -16,11 +14,11 @@
 #include <vector>
 
 #include "include/host/core_api.h"
-#include "include/host/log_api.h"
 #include "linux/common_use/service/Stable.h"
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"
 #include "platform/pl_os.h"
+#include "tests/test_log.h"
 
 namespace {
 
@@ -311,22 +309,16 @@ TEST_F(MemCheckerTest, MemoryPathCutsTheExecutableNameAtABackslashToo) {
 // the two markers with nothing between them. "arc.transf", which takes the
 // markers' second copies, is off by default.
 TEST_F(MemCheckerTest, DamageAtReleaseIsReportedInTheLog) {
-  void* p_lib_lv = dlopen(WRITER_BIN_DIR "/liblog.so", RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(nullptr, p_lib_lv);
   char s_dir_lv[] = "/tmp/test_memchecker_XXXXXX";
   ASSERT_NE(nullptr, mkdtemp(s_dir_lv));
-  auto configure_lv = reinterpret_cast<LogConfigureFn>(dlsym(p_lib_lv, "log_configure"));
-  ASSERT_EQ(0, configure_lv(s_dir_lv, nullptr));
-  core_set_path("log-1", WRITER_BIN_DIR "/liblog.so");
-  LogDllLoad();
-
+  writer_test::TestLog log_lv;
+  log_lv.Open(s_dir_lv);
   char* p_lv = Alloc(10, 9);
   p_lv[10] = 0x11;  // one byte past the end
   SAFE_MEM_FREE(m_blocks.back());
-  LogDllUnload();
-  core_set_path("log-1", nullptr);
+  log_lv.Close();
 
-  std::ifstream in_lv(std::string(s_dir_lv) + "/arc.log");
+  std::istringstream in_lv(log_lv.Read("arc"));
   std::vector<std::string> lines_lv;
   for (std::string s_line_lv; std::getline(in_lv, s_line_lv);) lines_lv.push_back(s_line_lv);
   ASSERT_EQ(3u, lines_lv.size());
@@ -335,7 +327,6 @@ TEST_F(MemCheckerTest, DamageAtReleaseIsReportedInTheLog) {
   EXPECT_NE(std::string::npos, lines_lv[1].find("---error free beg---"));
   EXPECT_NE(std::string::npos, lines_lv[2].find("---error free end---"));
   EXPECT_EQ(0, system((std::string("rm -rf ") + s_dir_lv).c_str()));
-  dlclose(p_lib_lv);
 }
 
 }  // namespace
