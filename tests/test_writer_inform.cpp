@@ -102,17 +102,22 @@ TEST_F(StorageInformTest, AMissingStoragePathKeepsLivenessAndIsPostedAtMostEvery
 }
 
 TEST_F(InformTest, TheWriteErrorFlagRisesAfterFiveSecondsOfErrorAndFallsAtTheFirstGoodCheck) {
-  Send(true);
-  Drain();
+  SourceAlive();
+  WriteErrorStatusFormation_Vart2(m_buff);  // nothing written yet: error begins, the timer is armed
+  EXPECT_EQ(0, m_w->m_status.m_b_is_write_error);
+  Advance(6);
   SourceAlive();
   WriteErrorStatusFormation_Vart2(m_buff);
+  EXPECT_EQ(1, m_w->m_status.m_b_is_write_error);
+  Send(true);
+  Drain();
   Advance(6);
   SourceAlive();
   WriteErrorStatusFormation_Vart2(m_buff);  // the session wrote 6 s ago: no stall
   EXPECT_EQ(0, m_w->m_status.m_b_is_write_error);
-  Advance(6);
+  Advance(12);
   SourceAlive();
-  WriteErrorStatusFormation_Vart2(m_buff);  // 12 s: a stall, timed from the last check
+  WriteErrorStatusFormation_Vart2(m_buff);  // 18 s: a stall, timed from the last check
   EXPECT_EQ(1, m_w->m_status.m_b_is_write_error);
   // While the archive marks without fault, writes may pause.
   L().fault(ARCHIVE_FAULT_MARKING_RUNNING, -1, 1);
