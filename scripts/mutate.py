@@ -8,18 +8,21 @@ Each mutant is one small change at one place of one unit: a comparison
 turned (< and <=, > and >=, == and !=), && and || swapped, + and - swapped,
 a whole-number constant moved by one, or a call statement deleted. The
 sample is drawn with a fixed seed from every such place, so a run is
-repeatable. For each mutant the unit is changed in the working tree (the
-original is always put back, also on Ctrl-C), the build folder is brought
-up to date with ninja for the unit's own test programs, and those run
-first; a mutant they do not kill meets the whole plain suite. A mutant that
-does not build is not counted. Mutants marked by hand as equivalent (the
-program behaves the same either way) in scripts/mutate-equivalent.txt are
-not counted either. The kill rate is over the rest.
+repeatable, and ranked by the line's text rather than its number, so an
+edit elsewhere in a unit keeps the sample. For each mutant the unit is
+changed in the working tree (the original is always put back, also on
+Ctrl-C), the build folder is brought up to date with ninja for the unit's
+own test programs, and those run first; a mutant they do not kill meets
+the whole plain suite, then the unit's programs again under
+AddressSanitizer (a leak or a write past a block is a fault the tests
+catch there). A mutant that does not build is not counted. Mutants marked
+by hand as equivalent (the program behaves the same either way) in
+scripts/mutate-equivalent.txt are not counted either. The kill rate is
+over the rest.
 """
 import argparse
 import hashlib
 import os
-import random
 import re
 import signal
 import subprocess
@@ -145,6 +148,9 @@ def delete_sites(line):
     if not m:
         return []
     body = m.group(2)
+    # The last line of a call that spans lines is no statement of its own.
+    if body.count("(") != body.count(")"):
+        return []
     # Trace lines and the stability and wait-statistics marks only observe.
     if body.startswith(("return", "if", "while", "for", "switch", "TRACE", "StableMark", "Mark(", "assert")):
         return []
@@ -167,8 +173,24 @@ def candidates():
                 continue
             for kind, fn in (("op", operator_sites), ("const", constant_sites), ("delete", delete_sites)):
                 for col, old, new in fn(line):
-                    out.append((unit, no, col, kind, old, new))
+                    out.append((unit, no, col, kind, old, new, mutant_key(unit, line, col, old, new)))
     return out
+
+
+def draw(pool, seed, count):
+    """The `count` places that rank first by a hash of the seed and the
+    place's key. The key names the line by its text, not its number, so an
+    edit elsewhere in a unit leaves the sample as it was: only mutants of
+    lines that changed drop out or come in. Places with the same key (the
+    same line text twice in a unit) are told apart by their order."""
+    seen = {}
+    ranked = []
+    for site in pool:
+        key = site[6]
+        seen[key] = seen.get(key, 0) + 1
+        ranked.append((hashlib.sha1(("%d %s %d" % (seed, key, seen[key])).encode()).hexdigest(), site))
+    ranked.sort()
+    return [site for _, site in ranked[:count]]
 
 
 def mutant_key(unit, line_text, col, old, new):
@@ -209,17 +231,18 @@ def main():
     ap.add_argument("--build", default=os.path.join(ROOT, "build-mut"))
     ap.add_argument("--list", action="store_true", help="print the sample and stop")
     ap.add_argument("--jobs", default="2")
+    ap.add_argument("--asan", default=os.path.join(ROOT, "build-mut-asan"),
+                    help="build folder for the sanitizer stage of survivors; '' skips it")
     ap.add_argument("--pick", default="", help="only these mutants of the sample, by number: 3,7-9")
     args = ap.parse_args()
 
     pool = candidates()
-    rng = random.Random(args.seed)
-    sample = rng.sample(pool, min(args.count, len(pool)))
+    sample = draw(pool, args.seed, args.count)
     equivalent = load_equivalent()
     print("mutate: %d places in %d units; sample of %d, seed %d" % (len(pool), len(UNITS), len(sample), args.seed),
           flush=True)
     if args.list:
-        for i, (unit, no, col, kind, old, new) in enumerate(sample, 1):
+        for i, (unit, no, col, kind, old, new, _) in enumerate(sample, 1):
             print("%3d %s:%d:%d %s %r -> %r" % (i, unit, no, col + 1, kind, old, new))
         return 0
 
@@ -236,7 +259,10 @@ def main():
 
     # Every test program of the suite (CTest names them after their targets).
     listed = subprocess.run(["ctest", "--test-dir", args.build, "-N"], capture_output=True, text=True).stdout
-    all_tests = [t for t in re.findall(r"Test\s+#\d+: (\S+)", listed) if t.startswith("test_")]
+    # Only those built from a target: CTest also runs scripts (the layer
+    # check, the dashboard) that ninja cannot build.
+    all_tests = [t for t in re.findall(r"Test\s+#\d+: (\S+)", listed)
+                 if t.startswith("test_") and os.path.exists(os.path.join(args.build, "bin", t))]
     originals = {}
 
     def restore(*_):
@@ -252,6 +278,22 @@ def main():
     signal.signal(signal.SIGINT, on_signal)
     signal.signal(signal.SIGTERM, on_signal)
 
+    def under_asan(unit):
+        """The unit's programs once more with AddressSanitizer and the
+        undefined-behaviour checks, as the test command runs them: a leak,
+        a write past a block or a shift too far is a kill too."""
+        if not args.asan:
+            return None
+        if not os.path.exists(os.path.join(args.asan, "build.ninja")):
+            subprocess.check_call(["cmake", "-S", ROOT, "-B", args.asan, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
+                                   "-DWRITER_SANITIZER=address"], stdout=subprocess.DEVNULL)
+        for t in UNITS[unit]:
+            if run(["ninja", "-C", args.asan, "-j", args.jobs, t], 3600, log) != 0:
+                return None
+            if run([os.path.join(args.asan, "bin", t)], 600, log) != 0:
+                return "killed under ASan by " + t
+        return None
+
     picked = set()
     for part in filter(None, args.pick.split(",")):
         lo, _, hi = part.partition("-")
@@ -260,14 +302,13 @@ def main():
     survivors = []
     t0 = time.time()
     try:
-        for i, (unit, no, col, kind, old, new) in enumerate(sample, 1):
+        for i, (unit, no, col, kind, old, new, key) in enumerate(sample, 1):
             if picked and i not in picked:
                 continue
             path = os.path.join(ROOT, unit)
             text = open(path).read()
             lines = text.split("\n")
             line = lines[no - 1]
-            key = mutant_key(unit, line, col, old, new)
             where = "%3d %s:%d:%d %s %r -> %r" % (i, unit, no, col + 1, kind, old, new)
             if key in equivalent:
                 counts["equivalent"] += 1
@@ -298,7 +339,7 @@ def main():
                           "--repeat", "until-pass:2"], 3600, log) != 0:
                     verdict = "killed by the suite"
                 else:
-                    verdict = "SURVIVED"
+                    verdict = under_asan(unit) or "SURVIVED"
             restore()
             if verdict == "no build":
                 counts["no build"] += 1
@@ -310,8 +351,10 @@ def main():
             print("%s  %s" % (where, verdict), flush=True)
     finally:
         restore()
-    # Bring the build folder back to the unchanged tree for the next run.
+    # Bring the build folders back to the unchanged tree for the next run.
     run(["ninja", "-C", args.build, "-j", args.jobs], 3600, log)
+    if args.asan and os.path.exists(os.path.join(args.asan, "build.ninja")):
+        run(["ninja", "-C", args.asan, "-j", args.jobs] + all_tests, 3600, log)
 
     judged = counts["killed"] + counts["survived"]
     rate = 100.0 * counts["killed"] / judged if judged else 0.0

@@ -2,11 +2,9 @@
 // statistics with their "WD" lines, under the manual clock.
 #include "linux/common_use/diagnostic.h"
 
-#include <dlfcn.h>
 #include <stdlib.h>
 #include <time.h>
 
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -17,6 +15,7 @@
 #include "linux/common_use/config.h"
 #include "linux/common_use/service/service2.h"
 #include "platform/pl_clock.h"
+#include "tests/test_log.h"
 
 namespace {
 
@@ -201,36 +200,27 @@ TEST_F(DiagnosticTest, BadArgumentsAreIgnored) {
 // The wait lines go to "arc.tracedecim" of the reference logging library.
 class WaitStatTest : public DiagnosticTest {
  protected:
-  static void SetUpTestSuite() {
-    s_lib = dlopen(WRITER_BIN_DIR "/liblog.so", RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(s_lib, nullptr) << dlerror();
-  }
-  static void TearDownTestSuite() { dlclose(s_lib); }
   void SetUp() override {
     DiagnosticTest::SetUp();
     char dir[] = "/tmp/test_diagnostic_XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     m_dir = dir;
-    auto configure = reinterpret_cast<LogConfigureFn>(dlsym(s_lib, "log_configure"));
-    ASSERT_EQ(configure(m_dir.c_str(), nullptr), 0);
-    core_set_path("log-1", WRITER_BIN_DIR "/liblog.so");
-    LogDllLoad();
+    m_log.Open(m_dir);
     g_p_log_status_list = new CLogStatusList();
     LogStatusRecomputeAllOff(g_p_log_status_list);
     ASSERT_EQ(WaitStatInit(&m_wd, 7), 0);
   }
   void TearDown() override {
     WaitStatDestroy(&m_wd);
-    LogDllUnload();
+    m_log.Close();
     delete g_p_log_status_list;
     g_p_log_status_list = nullptr;
-    core_set_path("log-1", nullptr);
     EXPECT_EQ(system(("rm -rf " + m_dir).c_str()), 0);
     DiagnosticTest::TearDown();
   }
   // The "WD" lines written so far, without their time and level.
   std::vector<std::string> Lines() {
-    std::ifstream in(m_dir + "/arc.tracedecim.log");
+    std::istringstream in(m_log.Read("arc.tracedecim"));
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);) {
       size_t at = line.find("<wd_");
@@ -239,11 +229,10 @@ class WaitStatTest : public DiagnosticTest {
     return lines;
   }
 
-  static void* s_lib;
+  writer_test::TestLog m_log;
   std::string m_dir;
   TWaitStat m_wd;
 };
-void* WaitStatTest::s_lib = nullptr;
 
 TEST_F(WaitStatTest, PrintsThousandthsOfTheSpanPerStateAndStartsAnew) {
   WaitState(&m_wd, WAIT_GROUP_ON_FRAME, 1);

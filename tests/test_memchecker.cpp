@@ -1,13 +1,12 @@
 // The checked allocator and its registry: block words, release checks,
 // growth and wrap-round of the registry, the scan, and the crash list.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
-
-#include <dlfcn.h>
 
 #include <algorithm>
 #include <atomic>
-#include <fstream>
+#include <sstream>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -15,11 +14,11 @@
 #include <vector>
 
 #include "include/host/core_api.h"
-#include "include/host/log_api.h"
 #include "linux/common_use/service/Stable.h"
 #include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"
 #include "platform/pl_os.h"
+#include "tests/test_log.h"
 
 namespace {
 
@@ -334,32 +333,45 @@ TEST_F(MemCheckerTest, CrashListIsPlainTextAndStopsAfter101Lines) {
   PlFileClose(fd_lv);
 }
 
+// Run from a copy elsewhere (below), the program is told where to expect
+// the file.
 TEST_F(MemCheckerTest, MemoryPathIsBesideTheExecutable) {
   MemCheckerInitPath(m_p, "writer");
-  EXPECT_STREQ(WRITER_BIN_DIR "/memory/writer.log", m_p->m_s_mem_path);
-  EXPECT_EQ(0, access(WRITER_BIN_DIR "/memory", F_OK));
+  const char* s_want_lv = getenv("MEMCHECKER_WANT_PATH");
+  EXPECT_STREQ(s_want_lv != nullptr ? s_want_lv : WRITER_BIN_DIR "/memory/writer.log", m_p->m_s_mem_path);
+  if (s_want_lv == nullptr) {
+    EXPECT_EQ(0, access(WRITER_BIN_DIR "/memory", F_OK));
+  }
+}
+
+// A backslash in the executable's name separates as a slash does.
+TEST_F(MemCheckerTest, MemoryPathCutsTheExecutableNameAtABackslashToo) {
+  char s_dir_lv[] = "/tmp/test_memchecker_XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(s_dir_lv));
+  std::string dir_lv = s_dir_lv;
+  ASSERT_EQ(0, mkdir((dir_lv + "/bin").c_str(), 0755));
+  std::string exe_lv = dir_lv + "/bin/tools\\memchecker";
+  ASSERT_EQ(0, system(("cp /proc/" + std::to_string(getpid()) + "/exe '" + exe_lv + "'").c_str()));
+  std::string cmd_lv = "MEMCHECKER_WANT_PATH='" + dir_lv + "/bin/tools/memory/writer.log' '" + exe_lv +
+                       "' --gtest_filter=MemCheckerTest.MemoryPathIsBesideTheExecutable >/dev/null";
+  EXPECT_EQ(0, system(cmd_lv.c_str()));
+  EXPECT_EQ(0, system(("rm -rf " + dir_lv).c_str()));
 }
 
 // The report of a damaged block reaches the main log: the fault line, then
 // the two markers with nothing between them. "arc.transf", which takes the
 // markers' second copies, is off by default.
 TEST_F(MemCheckerTest, DamageAtReleaseIsReportedInTheLog) {
-  void* p_lib_lv = dlopen(WRITER_BIN_DIR "/liblog.so", RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(nullptr, p_lib_lv);
   char s_dir_lv[] = "/tmp/test_memchecker_XXXXXX";
   ASSERT_NE(nullptr, mkdtemp(s_dir_lv));
-  auto configure_lv = reinterpret_cast<LogConfigureFn>(dlsym(p_lib_lv, "log_configure"));
-  ASSERT_EQ(0, configure_lv(s_dir_lv, nullptr));
-  core_set_path("log-1", WRITER_BIN_DIR "/liblog.so");
-  LogDllLoad();
-
+  writer_test::TestLog log_lv;
+  log_lv.Open(s_dir_lv);
   char* p_lv = Alloc(10, 9);
   p_lv[10] = 0x11;  // one byte past the end
   SAFE_MEM_FREE(m_blocks.back());
-  LogDllUnload();
-  core_set_path("log-1", nullptr);
+  log_lv.Close();
 
-  std::ifstream in_lv(std::string(s_dir_lv) + "/arc.log");
+  std::istringstream in_lv(log_lv.Read("arc"));
   std::vector<std::string> lines_lv;
   for (std::string s_line_lv; std::getline(in_lv, s_line_lv);) lines_lv.push_back(s_line_lv);
   ASSERT_EQ(3u, lines_lv.size());
@@ -368,7 +380,6 @@ TEST_F(MemCheckerTest, DamageAtReleaseIsReportedInTheLog) {
   EXPECT_NE(std::string::npos, lines_lv[1].find("---error free beg---"));
   EXPECT_NE(std::string::npos, lines_lv[2].find("---error free end---"));
   EXPECT_EQ(0, system((std::string("rm -rf ") + s_dir_lv).c_str()));
-  dlclose(p_lib_lv);
 }
 
 }  // namespace

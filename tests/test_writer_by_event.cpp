@@ -1,15 +1,10 @@
 // A channel's event state driven through the reference bus: events posted
 // on "track_event" reach the channel and the registrator as in a running
 // host; the manual clock stands in for the post-event and forced spans.
-#include <dlfcn.h>
-
 #include <atomic>
 #include <thread>
 
-#include "include/host/log_api.h"
 #include "linux/common_use/config.h"
-#include "linux/common_use/service/service2.h"
-#include "tests/test_text_util.h"
 #include "tests/test_writer_channel.h"
 #include "writer/writer_by_event.h"
 
@@ -402,24 +397,18 @@ class ByEventLogTest : public ByEventTest {
  protected:
   void SetUp() override {
     ByEventTest::SetUp();
-    m_log = dlopen(WRITER_BIN_DIR "/liblog.so", RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(nullptr, m_log) << dlerror();
-    ASSERT_EQ(0, reinterpret_cast<LogConfigureFn>(dlsym(m_log, "log_configure"))(m_dir.m_s_path.c_str(), nullptr));
-    core_set_path("log-1", WRITER_BIN_DIR "/liblog.so");
-    LogDllLoad();
+    m_log.Open(m_dir.m_s_path);
     g_p_log_status_list = new CLogStatusList();
     LogStatusRecomputeAllOff(g_p_log_status_list);
   }
   void TearDown() override {
-    LogDllUnload();
+    m_log.Close();
     delete g_p_log_status_list;
     g_p_log_status_list = nullptr;
-    core_set_path("log-1", nullptr);
-    if (m_log != nullptr) dlclose(m_log);
     ByEventTest::TearDown();
   }
-  std::string Log(const char* name) { return ReadAll(m_dir.m_s_path + "/" + name + ".log"); }
-  void* m_log = nullptr;
+  std::string Log(const char* name) { return m_log.Read(name); }
+  writer_test::TestLog m_log;
 };
 
 TEST_F(ByEventLogTest, NegativeCountersAreReportedByTheChannelAndOnlyTheElementOnesByTheRegistrator) {

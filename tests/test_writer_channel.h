@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/test_archive_util.h"
+#include "tests/test_log.h"
 #include "linux/common_use/temp/atomic_field.h"
 #include "writer/writer_buffering.h"
 #include "writer/writer_global.h"
@@ -114,15 +115,18 @@ class ChannelTest : public ::testing::Test {
     PlClockUseReal();
   }
 
-  // One frame from the source; its "need" answers are counted.
-  void Send(bool key, const std::string& data = "frame-data", int64_t index = 0) {
-    int32_t w = 640, h = 480, k = key ? 1 : 0, fcc = static_cast<int32_t>(Fcc("H264"));
+  // One frame from the source; its "need" answers are counted. A frame
+  // without a type (nullptr) is told by its code.
+  void Send(bool key, const std::string& data = "frame-data", int64_t index = 0, const char* type = "video",
+            const char* code = "H264") {
+    int32_t w = 640, h = 480, k = key ? 1 : 0, fcc = static_cast<int32_t>(Fcc(code));
     int64_t t = m_time += 40000;
     ProfileBuffer buf = {const_cast<char*>(data.data()), static_cast<uint32_t>(data.size())};
     ProfileParam frame[] = {{PP_INT32, "need", &m_need},  {PP_BUFFER, "data", &buf}, {PP_INT32, "width", &w},
                             {PP_INT32, "height", &h},     {PP_INT32, "fcc", &fcc},   {PP_INT64, "index", &index},
                             {PP_INT32, "key", &k},        {PP_INT64, "time", &t},
-                            {PP_STRING, "type", const_cast<char*>("video")}, {PP_END, nullptr, nullptr}};
+                            {PP_STRING, "type", const_cast<char*>(type)}, {PP_END, nullptr, nullptr}};
+    if (type == nullptr) frame[8] = {PP_END, nullptr, nullptr};
     ProfileParam msg[] = {{PP_LIST, "frame", frame}, {PP_END, nullptr, nullptr}};
     profile_data(m_h_source, msg, 0);
   }

@@ -20,9 +20,11 @@ class InformTest : public ChannelTest {
     ProfileCallback cb = {&m_alive, reinterpret_cast<void*>(&Heard::On)};
     m_h_alive = profile_open("alive_track", &cb, __FILE__, __LINE__);
   }
+  // Whatever a test did, the channel's end takes it off the watch.
   void TearDown() override {
-    profile_close(m_h_alive);
     ChannelTest::TearDown();
+    EXPECT_EQ("unregister", m_alive.firsts.empty() ? "" : m_alive.firsts.back());
+    profile_close(m_h_alive);
   }
   void SourceAlive() { AtomicPut(&m_w->m_status.m_i64_last_source_stat, static_cast<int64_t>(FileTimeNowLocal())); }
   int Registers() {
@@ -41,22 +43,32 @@ TEST_F(InformTest, AStallIsForgivenDuringTheGraceThenConfirmationsStopAndTheirEx
   SourceAlive();
   IAmLive(m_buff, -1);  // within 5 s: no run
   EXPECT_EQ(1, Registers());
-  Advance(1801);
+  Advance(1800);
+  SourceAlive();
+  IAmLive(m_buff, -1);  // the grace's last instant still forgives
+  EXPECT_EQ(2, Registers());
+  EXPECT_TRUE(m_events.event_types.empty());
+  Advance(18);
+  SourceAlive();
+  IAmLive(m_buff, -1);  // stalled: no confirmation, the last one 18 s old
+  EXPECT_EQ(2, Registers());
+  EXPECT_TRUE(m_events.event_types.empty());
+  Advance(6);
   SourceAlive();
   IAmLive(m_buff, -1);
-  EXPECT_EQ(1, Registers());
+  EXPECT_EQ(2, Registers());
   ASSERT_EQ(1u, m_events.event_types.size());
   EXPECT_EQ(60002, m_events.event_types[0]);
   EXPECT_EQ("I am live confirm erpired video", m_events.comments[0]);
   Advance(6);
   SourceAlive();
   IAmLive(m_buff, -1);
-  EXPECT_EQ(1, Registers());
+  EXPECT_EQ(2, Registers());
   EXPECT_EQ(1u, m_events.event_types.size());  // at most every 600 s
   // A silent source is no stall of the writer.
   Advance(6);
   IAmLive(m_buff, -1);
-  EXPECT_EQ(2, Registers());
+  EXPECT_EQ(3, Registers());
 }
 
 // The archive is asked about the channel's own storage: another storage
@@ -91,11 +103,21 @@ TEST_F(StorageInformTest, AMissingStoragePathKeepsLivenessAndIsPostedAtMostEvery
 
 TEST_F(InformTest, TheWriteErrorFlagRisesAfterFiveSecondsOfErrorAndFallsAtTheFirstGoodCheck) {
   SourceAlive();
-  WriteErrorStatusFormation_Vart2(m_buff);  // error begins: the timer is armed
+  WriteErrorStatusFormation_Vart2(m_buff);  // nothing written yet: error begins, the timer is armed
   EXPECT_EQ(0, m_w->m_status.m_b_is_write_error);
   Advance(6);
   SourceAlive();
   WriteErrorStatusFormation_Vart2(m_buff);
+  EXPECT_EQ(1, m_w->m_status.m_b_is_write_error);
+  Send(true);
+  Drain();
+  Advance(6);
+  SourceAlive();
+  WriteErrorStatusFormation_Vart2(m_buff);  // the session wrote 6 s ago: no stall
+  EXPECT_EQ(0, m_w->m_status.m_b_is_write_error);
+  Advance(12);
+  SourceAlive();
+  WriteErrorStatusFormation_Vart2(m_buff);  // 18 s: a stall, timed from the last check
   EXPECT_EQ(1, m_w->m_status.m_b_is_write_error);
   // While the archive marks without fault, writes may pause.
   L().fault(ARCHIVE_FAULT_MARKING_RUNNING, -1, 1);

@@ -3,15 +3,9 @@
 // how the ring sizes itself, where output starts when an event comes, what
 // reaches the archive in which order, and what damaged or outsized input
 // does. All on the test's thread, as on the buffering one.
-#include <dlfcn.h>
-
 #include <algorithm>
-#include <fstream>
 
-#include "include/host/log_api.h"
-#include "linux/common_use/service/service2.h"
 #include "linux/common_use/service/service4.h"
-#include "tests/test_text_util.h"
 #include "tests/test_writer_channel.h"
 #include "writer/writer_prev_write.h"
 #include "writer/writer_process.h"
@@ -167,9 +161,11 @@ TEST_F(PrevWriteTest, RingSettlesOnASteadyStreamAndShrinksWhenTheStreamThins) {
   EXPECT_EQ(grown, most);
   EXPECT_LE(Capacity(Ring()), 8000000);
   // A tenth of the rate: the largest buffers prove superfluous and go, at
-  // the pace of whole turns of the ring.
-  Stream(25 * 90, 25 * 240 - 1, 25, 4000);
+  // the pace of whole turns of the ring; the first within 20 s.
+  Stream(25 * 90, 25 * 110 - 1, 25, 4000);
   EXPECT_LT(Used(Ring()), grown);
+  Stream(25 * 110, 25 * 240 - 1, 25, 4000);
+  EXPECT_LT(Used(Ring()), grown - 2);
   EXPECT_GE(StartAge(Ring()), 2 * kSecond);
   EXPECT_TRUE(g_stored.empty());
 }
@@ -181,16 +177,6 @@ TEST_F(PrevWriteTest, KeyFramesFurtherApartThanTheSpanKeepEverythingSinceTheLast
   OnEvent_Vart2(m_e);
   Stream(250, 520, 250, 20000);
   EXPECT_EQ(Range(0, 520), Numbers());
-}
-
-TEST_F(PrevWriteTest, AFrameLargerThanSeveralBuffersIsSplitAndComesBackWhole) {
-  CPrevWrite ring(m_w, 7);
-  Frame(1, kKey, 3000000, &ring);  // 256 + 384 + 576 + 864 + 1296 KiB
-  EXPECT_EQ(5, Used(&ring));
-  OnEvent_Vart2(m_e);
-  Stream(2, 3, 25, 100, &ring);
-  ASSERT_EQ(Range(1, 3), Numbers());
-  EXPECT_TRUE(Payload(1, 3000000) == g_stored[0]);
 }
 
 // Fewer than 8 bytes left are never used: the record goes whole to the
@@ -291,22 +277,30 @@ class PrevWriteLogTest : public PrevWriteTest {
  protected:
   void SetUp() override {
     PrevWriteTest::SetUp();
-    ASSERT_NE(nullptr, m_log = dlopen(WRITER_BIN_DIR "/liblog.so", RTLD_NOW | RTLD_LOCAL)) << dlerror();
-    std::ofstream(m_dir.m_s_path + "/log.conf") << "arc.trace = 5000\n";
-    auto configure = reinterpret_cast<LogConfigureFn>(dlsym(m_log, "log_configure"));
-    ASSERT_EQ(0, configure(m_dir.m_s_path.c_str(), (m_dir.m_s_path + "/log.conf").c_str()));
-    core_set_path("log-1", WRITER_BIN_DIR "/liblog.so");
-    LogDllLoad();
+    m_log.Open(m_dir.m_s_path, "arc.trace = 5000\n");
   }
   void TearDown() override {
-    LogDllUnload();
-    core_set_path("log-1", nullptr);
-    if (m_log != nullptr) dlclose(m_log);
+    m_log.Close();
     PrevWriteTest::TearDown();
   }
-  std::string Log(const char* name) { return ReadAll(m_dir.m_s_path + "/" + name + ".log"); }
-  void* m_log = nullptr;
+  std::string Log(const char* name) { return m_log.Read(name); }
+  writer_test::TestLog m_log;
 };
+
+// The trace names the time of a record put together from its parts.
+TEST_F(PrevWriteLogTest, AFrameLargerThanSeveralBuffersIsSplitAndComesBackWhole) {
+  CPrevWrite ring(m_w, 7);
+  Frame(1, kKey, 3000000, &ring);  // 256 + 384 + 576 + 864 + 1296 KiB
+  char time[FILE_TIME_TEXT_SIZE];
+  FileTimeToText(static_cast<uint64_t>(Now()), time);
+  EXPECT_EQ(5, Used(&ring));
+  OnEvent_Vart2(m_e);
+  Stream(2, 3, 25, 100, &ring);
+  ASSERT_EQ(Range(1, 3), Numbers());
+  EXPECT_TRUE(Payload(1, 3000000) == g_stored[0]);
+  EXPECT_EQ(1, Count(Log("arc.trace"), std::string(" fr tim ") + time + " \n"));
+  EXPECT_EQ(0, Count(Log("arc"), "twice alloc"));
+}
 
 TEST_F(PrevWriteLogTest, NoKeyFrameABadMagicAndTheReaderCatchingUpAreLogged) {
   CPrevWrite ring(m_w, 7);

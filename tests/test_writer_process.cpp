@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "tests/test_writer_channel.h"
+#include "writer/writer_intake.h"
 
 namespace {
 
@@ -108,6 +109,15 @@ TEST_F(ChannelTest, AFrameLargerThanThirtyMebibytesIsPassedOver) {
   Send(std::string(0x1E00000, 'x').empty(), std::string(0x1E00000, 'x'));
   EXPECT_EQ(1, Queued());
   EXPECT_EQ(1, m_info->m_b_wait_key);
+}
+
+// A frame without a type is told by its code: an audio code has no place
+// in a video channel.
+TEST_F(ChannelTest, AFrameWithoutATypeTakesItsMediumFromItsCode) {
+  Send(true, "k", 0, nullptr, "PCMA");
+  EXPECT_EQ(0, Queued());
+  Send(true, "k", 0, nullptr, "h264");
+  EXPECT_EQ(1, Queued());
 }
 
 TEST_F(ChannelTest, ARefusedWriteIsReportedTwiceWithMinus61AndTheNextRecordIsStillWritten) {
@@ -235,6 +245,64 @@ TEST_F(ChannelTest, ADamagedRecordRepeatsThePreviousFrameUntilTheStop) {
   EXPECT_GE(Stats().frames_written, 4);
   EXPECT_EQ(0, m_buff->m_buffs[0].m_b_filled_b);
   EXPECT_EQ(1, m_buff->m_buffs[0].m_i_frame_num_b);  // the damaged one stays counted
+}
+
+
+// What the trace tells of a channel, read back from the reference log.
+class ChannelTraceTest : public ChannelTest {
+ protected:
+  void SetUp() override {
+    ChannelTest::SetUp();
+    m_log.Open(m_dir.m_s_path, "arc.trace = 5000\n");
+  }
+  void TearDown() override {
+    m_log.Close();
+    ChannelTest::TearDown();
+  }
+  std::string Cam() { return std::to_string(InfoCamId(m_info)); }
+  writer_test::TestLog m_log;
+};
+
+// The text between `from` and `to` in the first line that has both.
+std::string Between(const std::string& text, const std::string& from, const std::string& to) {
+  size_t at = text.find(from);
+  size_t end = at == std::string::npos ? at : text.find(to, at + from.size());
+  return end == std::string::npos ? "?" : text.substr(at + from.size(), end - at - from.size());
+}
+
+TEST_F(ChannelTraceTest, AFrameNamesItsCodeTimeAndCutTypeAndAChannelWithoutCameraInfoNamesCameraZero) {
+  Send(true);
+  std::string trace = m_log.Read("arc.trace");
+  EXPECT_EQ(1, Count(trace, "<" + Cam() + ">on frame fcc 875967048 H264 \n"));
+  // A frame going forward keeps its time: both texts the same.
+  std::string orig = Between(trace, " orig ", " corr ");
+  EXPECT_EQ("2023.11.14 22:13:20:040", orig.substr(0, 23));
+  EXPECT_EQ(orig, Between(trace, " corr ", " syst univ "));
+  // A type longer than its field is cut to fit.
+  std::string type(UI_FRAME_TYPE_TEXT + 8, 't');
+  Send(true, "frame-data", 0, type.c_str());
+  EXPECT_EQ(1, Count(m_log.Read("arc.trace"), ">on frame type " + type.substr(0, UI_FRAME_TYPE_TEXT - 1) + " \n"));
+  { CWriteBuffering bare(nullptr); }
+  EXPECT_EQ(1, Count(m_log.Read("arc"), "<alive0_0> bef unregister_alive wr handle -1 \n"));
+}
+
+// Once a minute the buffering thread tells how it spent its time, in the
+// form operators' tools read. The thread runs here on its own: the clock
+// moves while it waits, and the line is looked for a bounded while.
+TEST_F(ChannelTraceTest, TheBufferingThreadPrintsItsWaitStatisticsEveryMinute) {
+  std::string head = "<wd_" + Cam() + "_" + std::to_string(m_w->m_i64_type_id) + "_2> SCwaitPerc 0 ";
+  ASSERT_EQ(RC_OK, StartThreadWriteBuffering(m_buff));
+  bool seen = false;
+  for (int i = 0; i < 100 && !seen; i++) {
+    Advance(61);
+    m_buff->m_h_event_activate_thread_write_buffering->Set();
+    PlSleep(20);
+    seen = Count(m_log.Read("arc.tracedecim"), head) > 0;
+  }
+  ExitThreadWriteBuffering(m_buff);
+  EXPECT_TRUE(seen);
+  // The stopped thread's events are given back: a restart makes new ones.
+  EXPECT_EQ(nullptr, m_buff->m_h_event_activate_thread_write_buffering);
 }
 
 }  // namespace

@@ -162,7 +162,7 @@ TEST_F(CalendarTest, TheHostsAnswerSwitchesTheDateToItsRowAndALaterMessageIsTake
   std::string later = R"({"working_weekends":["november_16"],"holidays":[]})";
   Answer({{PP_INT32, "x", nullptr},
           {PP_STRING, "holidays_and_working_weekends", const_cast<char*>(later.c_str())},
-          {PP_STRING, "y", const_cast<char*>("")}});
+          {PP_STRING, "y", const_cast<char*>(m_calendar.c_str())}});  // another key's text is no calendar
   Quiet();
   EXPECT_EQ(0, State());
   EXPECT_FALSE(Taken());
