@@ -613,7 +613,9 @@ void FrameHashLog(CWriter* p_av) {
     AtomicPut(&g_i64_hash_log_mark, i64_now_lv);
     LogRefreshLevels();
   }
-  if (LogChannelEnabled(TLOG_ARC_TRACE) == 0) return;
+  // The levels were checked just above: a second clock read for the flag
+  // would only repeat that check.
+  if (!LogChannelFlag(TLOG_ARC_TRACE)) return;
   uint64_t ui64_data_lv = p_av->m_ui_data_size > 0 ? StrHash64(p_av->m_p_data, p_av->m_ui_data_size) : 0;
   uint64_t ui64_extra_lv = p_av->m_ui_extra_size > 0 && p_av->m_p_extra != nullptr
                                ? StrHash64(p_av->m_p_extra, p_av->m_ui_extra_size)
