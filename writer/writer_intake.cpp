@@ -54,9 +54,13 @@ enum TFrameField {
 
 // A name against a known text whose first letter FieldOf's switch has
 // matched already, from the second character on: the loop stops at the
-// first difference, so it never reads past the end of the name.
+// first difference, so it never reads past the end of the name. Unrolled:
+// every element of every frame comes through here, and the known names are
+// short and fixed, so the loop's own counting would cost as much as the
+// comparisons.
 template <size_t N>
 bool NameIs(const char* s_name_av, const char (&s_known_av)[N]) {
+#pragma GCC unroll 16
   for (size_t i_lv = 1; i_lv < N; i_lv++)
     if (s_name_av[i_lv] != s_known_av[i_lv]) return false;
   return true;
