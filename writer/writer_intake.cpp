@@ -70,7 +70,9 @@ TFrameField Known(bool b_match_av, const ProfileParam* p_av, uint32_t ui_type_av
   return b_match_av && p_av->type == ui_type_av ? field_av : FF_OTHER;
 }
 
-TFrameField FieldOf(const ProfileParam* p_av) {
+// Inlined into the walk: it runs for every element of every frame, and the
+// call would cost about as much as the switch itself.
+__attribute__((always_inline)) inline TFrameField FieldOf(const ProfileParam* p_av) {
   const char* s_lv = Name(p_av);
   switch (s_lv[0]) {
     case 'd': return Known(NameIs(s_lv, "data"), p_av, PP_BUFFER, FF_DATA);
