@@ -54,9 +54,13 @@ enum TFrameField {
 
 // A name against a known text whose first letter FieldOf's switch has
 // matched already, from the second character on: the loop stops at the
-// first difference, so it never reads past the end of the name.
+// first difference, so it never reads past the end of the name. Unrolled:
+// every element of every frame comes through here, and the known names are
+// short and fixed, so the loop's own counting would cost as much as the
+// comparisons.
 template <size_t N>
 bool NameIs(const char* s_name_av, const char (&s_known_av)[N]) {
+#pragma GCC unroll 16
   for (size_t i_lv = 1; i_lv < N; i_lv++)
     if (s_name_av[i_lv] != s_known_av[i_lv]) return false;
   return true;
@@ -66,7 +70,9 @@ TFrameField Known(bool b_match_av, const ProfileParam* p_av, uint32_t ui_type_av
   return b_match_av && p_av->type == ui_type_av ? field_av : FF_OTHER;
 }
 
-TFrameField FieldOf(const ProfileParam* p_av) {
+// Inlined into the walk: it runs for every element of every frame, and the
+// call would cost about as much as the switch itself.
+__attribute__((always_inline)) inline TFrameField FieldOf(const ProfileParam* p_av) {
   const char* s_lv = Name(p_av);
   switch (s_lv[0]) {
     case 'd': return Known(NameIs(s_lv, "data"), p_av, PP_BUFFER, FF_DATA);
@@ -120,7 +126,10 @@ void FccText(uint32_t ui_fcc_av, char* s_out_av) {
 
 const char* TypeText(const CWriter* p_av) { return p_av->m_s_type.m_p_text != nullptr ? p_av->m_s_type.m_p_text : ""; }
 
-void Mark(TWaitStat* p_wd_av, int32_t i_group_av, int32_t i_point_av, int32_t i_state_av) {
+// Inlined into each call: the points and states are fixed at every call
+// site, so their range checks fold away.
+__attribute__((always_inline)) inline void Mark(TWaitStat* p_wd_av, int32_t i_group_av, int32_t i_point_av,
+                                                int32_t i_state_av) {
   WaitStateMark(p_wd_av, i_group_av, i_state_av, i_point_av);
 }
 
@@ -613,7 +622,9 @@ void FrameHashLog(CWriter* p_av) {
     AtomicPut(&g_i64_hash_log_mark, i64_now_lv);
     LogRefreshLevels();
   }
-  if (LogChannelEnabled(TLOG_ARC_TRACE) == 0) return;
+  // The levels were checked just above: a second clock read for the flag
+  // would only repeat that check.
+  if (!LogChannelFlag(TLOG_ARC_TRACE)) return;
   uint64_t ui64_data_lv = p_av->m_ui_data_size > 0 ? StrHash64(p_av->m_p_data, p_av->m_ui_data_size) : 0;
   uint64_t ui64_extra_lv = p_av->m_ui_extra_size > 0 && p_av->m_p_extra != nullptr
                                ? StrHash64(p_av->m_p_extra, p_av->m_ui_extra_size)

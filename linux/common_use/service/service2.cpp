@@ -341,6 +341,10 @@ int LogChannelEnabled(TLog2 channel_av) {
   return g_b_log_on[LogChannelIndex(channel_av)].load(std::memory_order_relaxed);
 }
 
+bool LogChannelFlag(TLog2 channel_av) {
+  return g_b_log_on[LogChannelIndex(channel_av)].load(std::memory_order_relaxed) != 0;
+}
+
 // The same test as the trace functions make before they format, on the
 // flags as the last trace call left them: the trace call that follows makes
 // the 20-second level check, so this one spares the clock read.

@@ -51,6 +51,9 @@ void LogSiteUpdate(TLog2 channel_av, CLastLogStatus* p_site_av, const char* s_fi
                    const char* s_format_av, const char* s_text_av);
 void LogRefreshLevels();
 int LogChannelEnabled(TLog2 channel_av);
+// The channel's flag as the last level check left it, without the 20-second
+// check: for a caller that has just made a level check of its own.
+bool LogChannelFlag(TLog2 channel_av);
 // True when a trace call on the channel would format its text: the channel
 // is on, or a subscription makes the sites keep their lines. A call site
 // whose arguments cost work of their own (time texts) asks first.
