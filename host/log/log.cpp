@@ -57,7 +57,11 @@ std::atomic<const CountTable*> g_p_count_table{nullptr};
 // Every table made, kept until the library goes: a writer may still read an
 // earlier one. Taken with g_lock.
 std::vector<std::unique_ptr<CountTable>> g_count_tables;
-thread_local int64_t t_counts[LOG_COUNT_TEXTS_MAX] = {};
+// In the static TLS block (64 bytes of the reserve glibc keeps for loaded
+// libraries): a loaded library's lazily made TLS is what the leak checker's
+// thread scan trips over, and a count read on every frame needs no lazy
+// set-up either.
+__attribute__((tls_model("initial-exec"))) thread_local int64_t t_counts[LOG_COUNT_TEXTS_MAX] = {};
 
 // Counts a line handed over with its text, written or not: the counts tell
 // what the caller reported, whatever the thresholds keep.
