@@ -3,6 +3,9 @@
 // writes; so the thread's last question tells which frame a call is about.
 // A write that comes when the channel's last question already has its
 // write is the pre-event ring's, which writes older frames later.
+// Every channel has its own lock and the thread keeps its last channel, so
+// the frame path of one camera never waits on another's, and the shared map
+// is searched only when a thread turns to another channel.
 #include "host/archive/arc_account.h"
 
 #include <atomic>
@@ -21,6 +24,10 @@ namespace warc {
 namespace {
 
 struct ChannelAccount {
+  std::mutex m_mutex;  // after Accounts::m_mutex, never before
+  // The key, set when the account is made and never again: read without a lock.
+  int64_t m_i64_camera = 0;
+  uint32_t m_ui_kind = 0;
   ArchiveChannelStats m_stats;
   bool m_b_pending = false;  // the last question was answered 0 and has no write yet
   bool m_b_session = false;  // a session was there for it
@@ -46,8 +53,17 @@ std::atomic<int64_t> g_i64_asked{0};
 __attribute__((tls_model("initial-exec"))) thread_local ChannelAccount* t_p_channel = nullptr;
 __attribute__((tls_model("initial-exec"))) thread_local ArchiveThreadCounts t_ready = {0, 0};
 
-ChannelAccount* ChannelLocked(Accounts* p_av, int64_t i64_camera_av, uint32_t ui_kind_av) {
-  ChannelAccount& ch_lv = p_av->m_channels[{i64_camera_av, ui_kind_av}];
+// The channel's account, made at its first call.
+ChannelAccount* FindChannel(int64_t i64_camera_av, uint32_t ui_kind_av) {
+  ChannelAccount* p_lv = t_p_channel;
+  if (p_lv != nullptr && p_lv->m_i64_camera == i64_camera_av && p_lv->m_ui_kind == ui_kind_av) return p_lv;
+  Accounts& acc_lv = Acc();
+  std::lock_guard<std::mutex> lock_lv(acc_lv.m_mutex);
+  auto it_lv = acc_lv.m_channels.find({i64_camera_av, ui_kind_av});
+  if (it_lv != acc_lv.m_channels.end()) return &it_lv->second;
+  ChannelAccount& ch_lv = acc_lv.m_channels[{i64_camera_av, ui_kind_av}];
+  ch_lv.m_i64_camera = i64_camera_av;
+  ch_lv.m_ui_kind = ui_kind_av;
   ch_lv.m_stats.camera_id = i64_camera_av;
   ch_lv.m_stats.kind = static_cast<int32_t>(ui_kind_av);
   return &ch_lv;
@@ -67,9 +83,8 @@ void AccountReadyAnswer(int64_t i64_answer_av) {
 }
 
 void AccountQuestion(int64_t i64_camera_av, uint32_t ui_kind_av, int64_t i64_answer_av) {
-  Accounts& acc_lv = Acc();
-  std::lock_guard<std::mutex> lock_lv(acc_lv.m_mutex);
-  ChannelAccount* p_ch_lv = ChannelLocked(&acc_lv, i64_camera_av, ui_kind_av);
+  ChannelAccount* p_ch_lv = FindChannel(i64_camera_av, ui_kind_av);
+  std::lock_guard<std::mutex> lock_lv(p_ch_lv->m_mutex);
   SettleLocked(p_ch_lv);
   p_ch_lv->m_stats.asked++;
   g_i64_asked++;
@@ -80,22 +95,21 @@ void AccountQuestion(int64_t i64_camera_av, uint32_t ui_kind_av, int64_t i64_ans
 }
 
 void AccountSession(bool b_session_av) {
-  if (t_p_channel == nullptr) return;
-  Accounts& acc_lv = Acc();
-  std::lock_guard<std::mutex> lock_lv(acc_lv.m_mutex);
-  if (t_p_channel->m_b_pending) t_p_channel->m_b_session = b_session_av;
+  ChannelAccount* p_ch_lv = t_p_channel;
+  if (p_ch_lv == nullptr) return;
+  std::lock_guard<std::mutex> lock_lv(p_ch_lv->m_mutex);
+  if (p_ch_lv->m_b_pending) p_ch_lv->m_b_session = b_session_av;
 }
 
 void AccountWrite(int64_t i64_camera_av, uint32_t ui_kind_av, int32_t i_result_av) {
-  Accounts& acc_lv = Acc();
-  std::lock_guard<std::mutex> lock_lv(acc_lv.m_mutex);
   // A channel writes on the thread that asked its question; a write from
   // anywhere else goes by its session.
   ChannelAccount* p_ch_lv = t_p_channel;
   if (p_ch_lv == nullptr) {
     if (i64_camera_av == -1) return;  // no channel to put it on
-    p_ch_lv = ChannelLocked(&acc_lv, i64_camera_av, ui_kind_av);
+    p_ch_lv = FindChannel(i64_camera_av, ui_kind_av);
   }
+  std::lock_guard<std::mutex> lock_lv(p_ch_lv->m_mutex);
   ArchiveChannelStats& st_lv = p_ch_lv->m_stats;
   bool b_own_lv = p_ch_lv->m_b_pending;
   p_ch_lv->m_b_pending = false;
@@ -122,6 +136,7 @@ void AccountReset() {
   std::lock_guard<std::mutex> lock_lv(acc_lv.m_mutex);
   for (auto& item_lv : acc_lv.m_channels) {
     ChannelAccount& ch_lv = item_lv.second;
+    std::lock_guard<std::mutex> lock_ch_lv(ch_lv.m_mutex);
     memset(&ch_lv.m_stats, 0, sizeof(ch_lv.m_stats));
     ch_lv.m_stats.camera_id = item_lv.first.first;
     ch_lv.m_stats.kind = static_cast<int32_t>(item_lv.first.second);
@@ -149,7 +164,8 @@ ARC_EXPORT int32_t archive_get_channel_stats(int32_t index, ArchiveChannelStats*
   if (static_cast<size_t>(index) >= acc_lv.m_channels.size()) return -1;
   auto it_lv = acc_lv.m_channels.begin();
   std::advance(it_lv, index);
-  const ChannelAccount& ch_lv = it_lv->second;
+  ChannelAccount& ch_lv = it_lv->second;
+  std::lock_guard<std::mutex> lock_ch_lv(ch_lv.m_mutex);
   *out = ch_lv.m_stats;
   out->pending = !ch_lv.m_b_pending ? 0 : ch_lv.m_b_session ? 2 : 1;
   auto it_folder_lv = acc_lv.m_folders.find(ch_lv.m_stats.camera_id);
