@@ -19,11 +19,11 @@
 #include <mutex>
 #include <thread>
 
-#include "host/archive/arc_export.h"
 #include "host/archive/arc_reader.h"
 #include "host/server/srv_crash.h"
 #include "host/server/srv_dashboard.h"
 #include "host/server/srv_json.h"
+#include "host/server/srv_media_lib.h"
 #include "platform/pl_clock.h"
 
 namespace {
@@ -437,8 +437,10 @@ void SrvHttp::Export(const httplib::Request& req_av, httplib::Response& res_av) 
   close(i_fd_lv);
   file_lv->m_s_path = s_tmp_lv;
   std::string s_error_lv;
-  if (!ArcExportContainer(m_view.m_p_settings->m_s_archive_root, s_folder_lv, i64_from_lv, i64_to_lv, "mp4",
-                          file_lv->m_s_path, &s_error_lv))
+  const SrvMediaLib* p_lib_lv = SrvMediaLibLoad(m_view.m_p_settings->m_s_lib_dir, &s_error_lv);
+  if (p_lib_lv == nullptr) return Fail(res_av, 500, s_error_lv);
+  if (!p_lib_lv->m_p_export(m_view.m_p_settings->m_s_archive_root, s_folder_lv, i64_from_lv, i64_to_lv, "mp4",
+                            file_lv->m_s_path, &s_error_lv))
     return Fail(res_av, s_error_lv.find("no video of camera") == 0 ? 404 : 422, s_error_lv);
   file_lv->m_p_file = fopen(file_lv->m_s_path.c_str(), "rb");
   struct stat st_lv;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "host/server/srv_crash.h"
+#include "host/server/srv_media_lib.h"
 #include "platform/pl_clock.h"
 
 namespace {
@@ -63,10 +64,18 @@ bool StreamOpen(SrvSource* p_av, std::string* p_error_av) {
   link_lv.m_p_stop = p_av->m_p_stop;
   link_lv.m_p_drops = &p_av->m_counts.m_i64_drops;
   link_lv.m_p_reconnects = &p_av->m_counts.m_i64_reconnects;
-  return SrvStreamOpen(&p_av->m_stream, p_av->m_p_camera->m_source, link_lv, p_av->m_p_settings->m_b_loop, p_error_av);
+  const SrvMediaLib* p_lib_lv = SrvMediaLibLoad(p_av->m_p_settings->m_s_lib_dir, p_error_av);
+  return p_lib_lv != nullptr &&
+         p_lib_lv->m_p_stream_open(&p_av->m_stream, p_av->m_p_camera->m_source, link_lv, p_av->m_p_settings->m_b_loop,
+                                   p_error_av);
 }
-bool StreamNext(SrvSource* p_av, SrvMediaFrame* p_out_av) { return SrvStreamNext(&p_av->m_stream, p_out_av); }
-void StreamClose(SrvSource* p_av) { SrvStreamClose(&p_av->m_stream); }
+// Only a source whose open found the module gets this far.
+bool StreamNext(SrvSource* p_av, SrvMediaFrame* p_out_av) {
+  return SrvMediaLibLoaded()->m_p_stream_next(&p_av->m_stream, p_out_av);
+}
+void StreamClose(SrvSource* p_av) {
+  if (const SrvMediaLib* p_lib_lv = SrvMediaLibLoaded()) p_lib_lv->m_p_stream_close(&p_av->m_stream);
+}
 
 const SrvSourceKind KINDS[] = {{"synthetic", &SyntheticOpen, &SyntheticNext, &SyntheticClose},
                                {"h264", &H264Open, &H264Next, &H264Close},
