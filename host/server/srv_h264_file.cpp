@@ -1,5 +1,6 @@
 // The H.264 file source (see srv_media.h): the file read a piece at a time
 // and cut into access units as they are sent.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -11,22 +12,31 @@ namespace {
 // rather than read the rest of the file into memory.
 const size_t MAX_UNIT_BYTES = 64u << 20;
 
-// Appends one piece; false at the end of the file or on an error.
+// Appends one piece; false at the end of the file or on an error. What was
+// given already goes first: only the unit being cut (less than a piece, as
+// a rule) moves to the front.
 bool ReadPiece(SrvH264File* p_av) {
-  if (p_av->m_ui_pos > 0 && p_av->m_ui_pos * 2 >= p_av->m_buf.size()) {
-    p_av->m_buf.erase(p_av->m_buf.begin(), p_av->m_buf.begin() + static_cast<long>(p_av->m_ui_pos));
+  size_t ui_left_lv = p_av->m_ui_size - p_av->m_ui_pos;
+  if (p_av->m_ui_pos > 0) {
+    memmove(p_av->m_p_buf.get(), p_av->m_p_buf.get() + p_av->m_ui_pos, ui_left_lv);
+    p_av->m_ui_size = ui_left_lv;
     p_av->m_ui_pos = 0;
   }
-  size_t ui_old_lv = p_av->m_buf.size();
-  p_av->m_buf.resize(ui_old_lv + p_av->m_ui_chunk);
-  size_t ui_got_lv = fread(p_av->m_buf.data() + ui_old_lv, 1, p_av->m_ui_chunk, p_av->m_p_file);
-  p_av->m_buf.resize(ui_old_lv + ui_got_lv);
+  if (p_av->m_ui_cap < ui_left_lv + p_av->m_ui_chunk) {
+    size_t ui_cap_lv = std::max(2 * p_av->m_ui_cap, ui_left_lv + p_av->m_ui_chunk);
+    std::unique_ptr<uint8_t[]> p_new_lv(new uint8_t[ui_cap_lv]);
+    if (ui_left_lv > 0) memcpy(p_new_lv.get(), p_av->m_p_buf.get(), ui_left_lv);
+    p_av->m_p_buf = std::move(p_new_lv);
+    p_av->m_ui_cap = ui_cap_lv;
+  }
+  size_t ui_got_lv = fread(p_av->m_p_buf.get() + p_av->m_ui_size, 1, p_av->m_ui_chunk, p_av->m_p_file);
+  p_av->m_ui_size += ui_got_lv;
   if (ui_got_lv == 0 && ferror(p_av->m_p_file)) p_av->m_s_error = p_av->m_s_path + ": read error";
   return ui_got_lv > 0;
 }
 
 bool Rewind(SrvH264File* p_av) {
-  p_av->m_buf.clear();
+  p_av->m_ui_size = 0;
   p_av->m_ui_pos = 0;
   p_av->m_b_eof = false;
   return fseek(p_av->m_p_file, 0, SEEK_SET) == 0;
@@ -35,8 +45,8 @@ bool Rewind(SrvH264File* p_av) {
 // The next unit's place in the buffer; false at the end of the file.
 bool CutNext(SrvH264File* p_av, SrvAccessUnit* p_unit_av) {
   for (;;) {
-    const uint8_t* pb_lv = p_av->m_buf.data() + p_av->m_ui_pos;
-    size_t ui_left_lv = p_av->m_buf.size() - p_av->m_ui_pos;
+    const uint8_t* pb_lv = p_av->m_p_buf.get() + p_av->m_ui_pos;
+    size_t ui_left_lv = p_av->m_ui_size - p_av->m_ui_pos;
     if (SrvCutFirstUnit(pb_lv, ui_left_lv, p_av->m_b_eof, p_unit_av)) return true;
     if (p_av->m_b_eof) return false;
     if (ui_left_lv > MAX_UNIT_BYTES) {
@@ -59,11 +69,11 @@ bool SrvH264FileOpen(SrvH264File* p_av, const SrvSourceConfig& cfg_av, bool b_lo
   p_av->m_b_loop = b_loop_av;
   // The set-up (the first SPS, a picture) is read from the file's head.
   const size_t HEAD_BYTES = 64 << 10;
-  while (p_av->m_buf.size() < HEAD_BYTES && !p_av->m_b_eof) p_av->m_b_eof = !ReadPiece(p_av);
+  while (p_av->m_ui_size < HEAD_BYTES && !p_av->m_b_eof) p_av->m_b_eof = !ReadPiece(p_av);
   if (!p_av->m_s_error.empty()) return *p_error_av = p_av->m_s_error, false;
-  if (SrvSplitAccessUnits(p_av->m_buf.data(), p_av->m_buf.size()).empty())
+  if (SrvSplitAccessUnits(p_av->m_p_buf.get(), p_av->m_ui_size).empty())
     return *p_error_av = cfg_av.m_s_file + ": no H.264 picture in it", false;
-  if (!SrvReadSps(p_av->m_buf.data(), p_av->m_buf.size(), &p_av->m_sps)) {
+  if (!SrvReadSps(p_av->m_p_buf.get(), p_av->m_ui_size, &p_av->m_sps)) {
     p_av->m_sps.m_i_width = cfg_av.m_i_width;
     p_av->m_sps.m_i_height = cfg_av.m_i_height;
   }
@@ -81,7 +91,7 @@ bool SrvH264FileNext(SrvH264File* p_av, SrvMediaFrame* p_out_av) {
       return false;
   }
   *p_out_av = SrvMediaFrame();
-  p_out_av->m_pb_data = p_av->m_buf.data() + p_av->m_ui_pos;
+  p_out_av->m_pb_data = p_av->m_p_buf.get() + p_av->m_ui_pos;
   p_out_av->m_ui_size = static_cast<uint32_t>(unit_lv.m_ui_size);
   p_av->m_ui_pos += unit_lv.m_ui_size;
   p_out_av->m_i_key = unit_lv.m_b_key ? 1 : 0;
@@ -97,5 +107,6 @@ bool SrvH264FileNext(SrvH264File* p_av, SrvMediaFrame* p_out_av) {
 void SrvH264FileClose(SrvH264File* p_av) {
   if (p_av->m_p_file != nullptr) fclose(p_av->m_p_file);
   p_av->m_p_file = nullptr;
-  std::vector<uint8_t>().swap(p_av->m_buf);
+  p_av->m_p_buf.reset();
+  p_av->m_ui_cap = p_av->m_ui_size = p_av->m_ui_pos = 0;
 }

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -59,7 +60,12 @@ void SrvSyntheticVideoBytes(uint32_t ui_seed_av, int64_t i64_n_av, uint32_t ui_s
 struct SrvH264File {
   FILE* m_p_file = nullptr;
   std::string m_s_path;
-  std::vector<uint8_t> m_buf;   // bytes read and not yet given, from m_ui_pos
+  // Bytes read and not yet given, from m_ui_pos to m_ui_size. Left
+  // uninitialised where nothing was read: zeroing each piece before reading
+  // into it was a pass over every byte of the stream.
+  std::unique_ptr<uint8_t[]> m_p_buf;
+  size_t m_ui_cap = 0;
+  size_t m_ui_size = 0;
   size_t m_ui_pos = 0;
   size_t m_ui_chunk = 1 << 20;  // bytes read at a time
   bool m_b_eof = false;
