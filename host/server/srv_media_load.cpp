@@ -1,6 +1,7 @@
 // Loading libwriter_media.so on first use (see srv_media_lib.h).
 #include <dlfcn.h>
 
+#include <atomic>
 #include <mutex>
 
 #include "host/server/srv_media_lib.h"
@@ -8,7 +9,8 @@
 namespace {
 
 std::mutex g_load_mutex;
-const SrvMediaLib* g_p_lib = nullptr;
+// Set once, under the mutex; read without it on every frame of a stream.
+std::atomic<const SrvMediaLib*> g_p_lib{nullptr};
 
 const SrvMediaLib* LoadFrom(const std::string& s_path_av, std::string* p_error_av) {
   void* h_lv = dlopen(s_path_av.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -31,17 +33,16 @@ const SrvMediaLib* LoadFrom(const std::string& s_path_av, std::string* p_error_a
 
 const SrvMediaLib* SrvMediaLibLoad(const std::string& s_lib_dir_av, std::string* p_error_av) {
   std::lock_guard<std::mutex> lock_lv(g_load_mutex);
-  if (g_p_lib != nullptr) return g_p_lib;
+  if (const SrvMediaLib* p_lib_lv = g_p_lib.load()) return p_lib_lv;
   const char* NAME = "libwriter_media.so";
   std::string s_first_error_lv, s_error_lv;
-  if (!s_lib_dir_av.empty()) g_p_lib = LoadFrom(s_lib_dir_av + "/" + NAME, &s_first_error_lv);
+  const SrvMediaLib* p_lib_lv = nullptr;
+  if (!s_lib_dir_av.empty()) p_lib_lv = LoadFrom(s_lib_dir_av + "/" + NAME, &s_first_error_lv);
   // A program built beside the module (the tests) finds it by its run path.
-  if (g_p_lib == nullptr) g_p_lib = LoadFrom(NAME, &s_error_lv);
-  if (g_p_lib == nullptr) *p_error_av = s_first_error_lv.empty() ? s_error_lv : s_first_error_lv;
-  return g_p_lib;
+  if (p_lib_lv == nullptr) p_lib_lv = LoadFrom(NAME, &s_error_lv);
+  if (p_lib_lv == nullptr) *p_error_av = s_first_error_lv.empty() ? s_error_lv : s_first_error_lv;
+  g_p_lib.store(p_lib_lv);
+  return p_lib_lv;
 }
 
-const SrvMediaLib* SrvMediaLibLoaded() {
-  std::lock_guard<std::mutex> lock_lv(g_load_mutex);
-  return g_p_lib;
-}
+const SrvMediaLib* SrvMediaLibLoaded() { return g_p_lib.load(); }
