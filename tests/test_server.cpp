@@ -255,8 +255,9 @@ TEST_F(ServerTest, EveryFaultCountsItsFramesUnderItsOwnRuleAndLeavesNoneUnaccoun
     for (const Expect& e : k.expects) EXPECT_GT(Fate(c.out, e.camera, e.medium, e.label), 0) << k.name << "\n" << c.out;
     for (const char* camera : {"cam", "more"})
       for (const char* medium : {"video", "audio"})
-        if (Fate(c.out, camera, medium, "sent:") > 0)
+        if (Fate(c.out, camera, medium, "sent:") > 0) {
           EXPECT_EQ(0, Fate(c.out, camera, medium, "unaccounted")) << k.name << " " << camera << "\n" << c.out;
+        }
     EXPECT_TRUE(std::regex_search(c.out, std::regex("\naccount  [0-9]+ sent: .* 0 unaccounted\n"))) << k.name << "\n" << c.out;
     EXPECT_EQ(Fate(c.out, "cam", "video", "passed over") + Fate(c.out, "more", "video", "passed over"),
               Count(ReadAll(m_dir + "/" + k.name + "/log/arc.log"), SRV_PASS_TAG))
