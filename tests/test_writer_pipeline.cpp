@@ -340,7 +340,9 @@ TEST_F(WriterPipelineTest, BadFramesAreDroppedAndStillAnswered) {
 // Elements the intake does not know go to the parameter section whole and
 // in order, whatever their type and however many a frame brings (a short
 // frame and one longer than the intake measures in one pass); the source's
-// own elements do not.
+// own elements do not. Known ones keep their records whatever their values:
+// a null index, a type text longer than the frame's type field before the
+// type that counts.
 TEST_F(WriterPipelineTest, EveryUnknownElementOfAFrameIsCarriedInOrder) {
   int32_t key = 1;
   ProfileBuffer data = {const_cast<char*>("kf"), 2};
@@ -353,12 +355,16 @@ TEST_F(WriterPipelineTest, EveryUnknownElementOfAFrameIsCarriedInOrder) {
   const int counts[] = {2, 40};
   int64_t times[] = {kT0, kT0 + 40000};
   std::vector<std::string> expected;
+  const std::string long_type(300, 'v');
   for (int n = 0; n < 2; n++) {
     std::vector<ProfileParam> f = {{PP_INT32, "need", &m_source.need}, {PP_BUFFER, "data", &data},
                                    {PP_INT32, "key", &key}, {PP_INT64, "time", &times[n]},
+                                   {PP_STRING, "type", const_cast<char*>(long_type.c_str())},
+                                   {PP_INT64, "index", nullptr},
                                    {PP_STRING, "type", const_cast<char*>("video")}, {PP_INT64, "nul", nullptr},
                                    {PP_BUFFER, "blob", &blob}, {PP_LIST, "tree", inner}};
     std::string params = Record(4, "key", I32(1)) + Record(5, "time", I64(times[n])) +
+                         Record(2, "type", I32(305) + long_type + '\0') + Record(5, "index", "") +
                          Record(2, "type", I32(10) + "video" + '\0') + Record(5, "nul", "") +
                          Record(8, "blob", "0123456789abc") + Record(1, "tree", Record(4, "in", I32(7)));
     for (int i = 0; i < counts[n]; i++) {

@@ -217,6 +217,42 @@ uint32_t WriteParamRecord(const ProfileParam* p_param_av, uint32_t ui_len_av, ui
   return ui_len_av;
 }
 
+bool ParamFixedMake(uint32_t ui_type_av, const char* s_name_av, uint32_t ui_payload_av, TParamFixed* p_out_av) {
+  memset(p_out_av, 0, sizeof(*p_out_av));
+  uint8_t pb_zero_lv[8] = {};
+  ProfileParam param_lv = {ui_type_av, s_name_av, pb_zero_lv};
+  // Only the number types have a payload of their own fixed length.
+  uint64_t ui64_len_lv = ParamRecordLength(&param_lv);
+  if (ui64_len_lv != RecordLength(&param_lv, 0) || ui64_len_lv > UI_PARAM_FIXED_MAX ||
+      ui64_len_lv != NameLength(&param_lv) + 13 + ui_payload_av || (ui_payload_av != 4 && ui_payload_av != 8))
+    return false;
+  p_out_av->m_ui_length = WriteParamRecord(&param_lv, static_cast<uint32_t>(ui64_len_lv), p_out_av->m_pb_record);
+  p_out_av->m_ui_payload = ui_payload_av;
+  return true;
+}
+
+bool ParamTextMake(const char* s_name_av, TParamFixed* p_out_av) {
+  memset(p_out_av, 0, sizeof(*p_out_av));
+  uint32_t ui_name_lv = static_cast<uint32_t>(s_name_av != nullptr ? strnlen(s_name_av, UI_PARAM_FIXED_MAX) : 0);
+  if (ui_name_lv + 13 > UI_PARAM_FIXED_MAX) return false;
+  PutLe32(p_out_av->m_pb_record, PP_STRING);
+  PutLe32(p_out_av->m_pb_record + 4, ui_name_lv + 5);
+  if (ui_name_lv > 0) memcpy(p_out_av->m_pb_record + 8, s_name_av, ui_name_lv);
+  p_out_av->m_ui_length = ui_name_lv + 13;  // the record's length goes in its last 4 bytes with each text
+  return true;
+}
+
+uint32_t ParamTextWrite(const TParamFixed* p_av, const char* s_text_av, uint32_t ui_text_av, uint8_t* pb_av) {
+  uint32_t ui_head_lv = p_av->m_ui_length;
+  uint32_t ui_len_lv = ParamTextLength(p_av, ui_text_av);
+  memcpy(pb_av, p_av->m_pb_record, ui_head_lv);
+  PutLe32(pb_av + ui_head_lv - 4, ui_len_lv);
+  PutLe32(pb_av + ui_head_lv, ui_text_av + 5);
+  memcpy(pb_av + ui_head_lv + 4, s_text_av, ui_text_av);
+  pb_av[ui_head_lv + 4 + ui_text_av] = 0;
+  return ui_len_lv;
+}
+
 int32_t EncodeParam(const ProfileParam* p_param_av, uint8_t** ppb_buf_av, uint32_t* p_capacity_av,
                     uint32_t* p_size_av) {
   uint64_t ui64_len_lv = ParamRecordLength(p_param_av);

@@ -99,11 +99,13 @@ __attribute__((always_inline)) inline TFrameField FieldOf(const ProfileParam* p_
   }
 }
 
-// Copies a text into a field of ui_size_av bytes, cut to fit.
-void CopyCut(char* s_out_av, size_t ui_size_av, const char* s_in_av) {
+// Copies a text into a field of ui_size_av bytes, cut to fit; returns the
+// characters copied.
+size_t CopyCut(char* s_out_av, size_t ui_size_av, const char* s_in_av) {
   size_t ui_len_lv = strnlen(s_in_av, ui_size_av - 1);
   memcpy(s_out_av, s_in_av, ui_len_lv);
   s_out_av[ui_len_lv] = 0;
+  return ui_len_lv;
 }
 
 uint32_t Fcc(const char* s_av) {
@@ -148,12 +150,16 @@ void UtcText(int64_t i64_micros_av, char* s_out_av) {
 // list has the rest looked up again.
 const int32_t I_FIELDS_KEPT = 32;
 
+const uint32_t UI_TYPE_LEN_UNKNOWN = 0xFFFFFFFFu;
+
 // What the walk of one "frame" list found besides the channel's members.
 struct TFrameRead {
   int32_t* m_p_need;
   int64_t m_i64_index;
   int64_t m_i64_time;
   int32_t m_i_count;
+  const ProfileParam* m_p_type;  // the last "type" element and its text's whole length,
+  uint32_t m_ui_type_len;        // UI_TYPE_LEN_UNKNOWN when the copy cut it
   bool m_b_ok;
   bool m_b_bad;
   uint8_t m_ui_fields[I_FIELDS_KEPT];  // TFrameField of each element, by position
@@ -249,7 +255,9 @@ bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameField field_lv,
     case FF_TYPE:
       if (p_el_av->value != nullptr) {
         // A longer text than the field holds is cut.
-        CopyCut(p_av->m_s_frame_type, UI_FRAME_TYPE_TEXT, static_cast<const char*>(p_el_av->value));
+        size_t ui_len_lv = CopyCut(p_av->m_s_frame_type, UI_FRAME_TYPE_TEXT, static_cast<const char*>(p_el_av->value));
+        p_rd_av->m_p_type = p_el_av;
+        p_rd_av->m_ui_type_len = ui_len_lv < UI_FRAME_TYPE_TEXT - 1 ? static_cast<uint32_t>(ui_len_lv) : UI_TYPE_LEN_UNKNOWN;
         TRACE44(TLOG_ARC_TRACE, "<%lld>on frame type %s ", i64_cam_lv, p_av->m_s_frame_type);
       }
       return true;
@@ -396,14 +404,50 @@ bool CarriedAsParam(TFrameField field_av) {
 }
 
 // The elements of a list chosen for the parameter section, each with its
-// record length, measured once for the size and the write.
+// record length, measured once for the size and the write, and the fixed
+// record of a known number element.
 const int32_t I_PLAN_MAX = 32;
 struct TParamPlan {
   const ProfileParam* m_p_params[I_PLAN_MAX];
+  const TParamFixed* m_p_fixed[I_PLAN_MAX];  // null: the record is measured and written from the element
   uint32_t m_ui_lengths[I_PLAN_MAX];
   int32_t m_i_count;
   bool m_b_whole;  // false: more elements than the plan holds
 };
+
+// The records of the number elements every frame brings, and of the
+// channel's own "arc_prev_write": the same names and types frame after
+// frame, so only their values are new.
+struct TKnownRecords {
+  TKnownRecords() {
+    ParamFixedMake(PP_INT32, "width", 4, &m_width);
+    ParamFixedMake(PP_INT32, "height", 4, &m_height);
+    ParamFixedMake(PP_INT32, "fcc", 4, &m_fcc);
+    ParamFixedMake(PP_INT64, "index", 8, &m_index);
+    ParamFixedMake(PP_INT32, "key", 4, &m_key);
+    ParamFixedMake(PP_INT64, "time", 8, &m_time);
+    ParamFixedMake(PP_INT64, "arc_prev_write", 8, &m_prev_write);
+    ParamTextMake("type", &m_type);
+  }
+  TParamFixed m_width, m_height, m_fcc, m_index, m_key, m_time, m_prev_write;
+  TParamFixed m_type;  // a text: its head only
+};
+const TKnownRecords g_known_records;
+
+// The walk has matched the element's name and type already; a null value
+// is measured the long way (its record has no payload).
+const TParamFixed* FixedRecordOf(TFrameField field_av, const ProfileParam* p_av) {
+  if (p_av->value == nullptr) return nullptr;
+  switch (field_av) {
+    case FF_WIDTH: return &g_known_records.m_width;
+    case FF_HEIGHT: return &g_known_records.m_height;
+    case FF_FCC: return &g_known_records.m_fcc;
+    case FF_INDEX: return &g_known_records.m_index;
+    case FF_KEY: return &g_known_records.m_key;
+    case FF_TIME: return &g_known_records.m_time;
+    default: return nullptr;
+  }
+}
 
 // The kind of the element at a position: as the walk kept it, or looked up
 // anew beyond what it keeps (the local list has no walk).
@@ -412,20 +456,36 @@ TFrameField FieldAt(const TFrameRead* p_rd_av, int32_t i_pos_av, const ProfilePa
   return FieldOf(p_av);
 }
 
+void PlanAdd(TParamPlan* p_plan_av, const ProfileParam* p_av, const TParamFixed* p_fixed_av, uint64_t ui64_len_av) {
+  if (p_plan_av->m_i_count == I_PLAN_MAX) {
+    p_plan_av->m_b_whole = false;
+    return;
+  }
+  p_plan_av->m_p_params[p_plan_av->m_i_count] = p_av;
+  p_plan_av->m_p_fixed[p_plan_av->m_i_count] = p_fixed_av;
+  p_plan_av->m_ui_lengths[p_plan_av->m_i_count] = static_cast<uint32_t>(ui64_len_av);
+  p_plan_av->m_i_count++;
+}
+
 uint64_t ParamsSize(const ProfileParam* p_list_av, const TFrameRead* p_rd_av, TParamPlan* p_plan_av) {
   uint64_t ui64_lv = 0;
   int32_t i_pos_lv = 0;
   for (const ProfileParam* p_lv = p_list_av; p_lv->type != PP_END; p_lv++, i_pos_lv++) {
-    if (!CarriedAsParam(FieldAt(p_rd_av, i_pos_lv, p_lv))) continue;
-    uint64_t ui64_len_lv = ParamRecordLength(p_lv);
-    ui64_lv += ui64_len_lv;
-    if (p_plan_av->m_i_count == I_PLAN_MAX) {
-      p_plan_av->m_b_whole = false;
-      continue;
+    TFrameField field_lv = FieldAt(p_rd_av, i_pos_lv, p_lv);
+    if (!CarriedAsParam(field_lv)) continue;
+    const TParamFixed* p_fixed_lv = FixedRecordOf(field_lv, p_lv);
+    uint64_t ui64_len_lv = 0;
+    if (p_fixed_lv != nullptr) {
+      ui64_len_lv = p_fixed_lv->m_ui_length;
+    } else if (p_rd_av != nullptr && p_lv == p_rd_av->m_p_type && p_rd_av->m_ui_type_len != UI_TYPE_LEN_UNKNOWN) {
+      // The walk measured the text when it took the frame's type.
+      p_fixed_lv = &g_known_records.m_type;
+      ui64_len_lv = ParamTextLength(p_fixed_lv, p_rd_av->m_ui_type_len);
+    } else {
+      ui64_len_lv = ParamRecordLength(p_lv);
     }
-    p_plan_av->m_p_params[p_plan_av->m_i_count] = p_lv;
-    p_plan_av->m_ui_lengths[p_plan_av->m_i_count] = static_cast<uint32_t>(ui64_len_lv);
-    p_plan_av->m_i_count++;
+    ui64_lv += ui64_len_lv;
+    PlanAdd(p_plan_av, p_lv, p_fixed_lv, ui64_len_lv);
   }
   return ui64_lv;
 }
@@ -449,8 +509,16 @@ void EncodePlan(CWriter* p_av, const TParamPlan* p_plan_av, int32_t i_from_av, i
                   &p_av->m_ui_params_size);
       continue;
     }
-    p_av->m_ui_params_size +=
-        WriteParamRecord(p_plan_av->m_p_params[i_lv], ui_len_lv, p_av->m_pb_params + p_av->m_ui_params_size);
+    uint8_t* pb_lv = p_av->m_pb_params + p_av->m_ui_params_size;
+    const TParamFixed* p_fixed_lv = p_plan_av->m_p_fixed[i_lv];
+    const void* p_value_lv = p_plan_av->m_p_params[i_lv]->value;
+    if (p_fixed_lv == nullptr)
+      p_av->m_ui_params_size += WriteParamRecord(p_plan_av->m_p_params[i_lv], ui_len_lv, pb_lv);
+    else if (p_fixed_lv->m_ui_payload == 0)  // the type text, its length in the plan
+      p_av->m_ui_params_size += ParamTextWrite(p_fixed_lv, static_cast<const char*>(p_value_lv),
+                                               ui_len_lv - ParamTextLength(p_fixed_lv, 0), pb_lv);
+    else
+      p_av->m_ui_params_size += ParamFixedWrite(p_fixed_lv, p_value_lv, pb_lv);
   }
 }
 
@@ -467,7 +535,8 @@ void EncodeFrameParams(CWriter* p_av, const ProfileParam* p_frame_av, const TFra
   uint64_t ui64_size_lv = p_frame_av != nullptr ? ParamsSize(p_frame_av, p_rd_av, &plan_lv) : 0;
   int32_t i_frame_count_lv = plan_lv.m_i_count;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20125, 5);
-  ui64_size_lv += ParamsSize(local_lv, nullptr, &plan_lv);
+  ui64_size_lv += g_known_records.m_prev_write.m_ui_length;
+  PlanAdd(&plan_lv, &local_lv[0], &g_known_records.m_prev_write, g_known_records.m_prev_write.m_ui_length);
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20126, 6);
   if (ui64_size_lv <= 0x7FFFFFFFu && p_av->m_ui_params_capacity < ui64_size_lv) {
     uint8_t* pb_lv = p_av->m_pb_params;
@@ -585,7 +654,7 @@ void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av
   if (b_need_lv == 1 && p_av->m_b_need_prev == 0) p_av->m_b_key_since_need = 0;
   p_av->m_b_need_prev = b_need_lv;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20122, 2);
-  TFrameRead rd_lv = {nullptr, 0, 0, 0, true, false, {}};
+  TFrameRead rd_lv = {nullptr, 0, 0, 0, nullptr, UI_TYPE_LEN_UNKNOWN, true, false, {}};
   bool b_ok_lv = false;
   if (b_need_lv == 1) {
     p_av->m_ui_params_size = 0;
