@@ -99,6 +99,12 @@ __attribute__((always_inline)) inline TFrameField FieldOf(const ProfileParam* p_
   }
 }
 
+// Every element of every message is asked this.
+bool IsFrameList(const ProfileParam* p_av) {
+  const char* s_lv = Name(p_av);
+  return p_av->type == PP_LIST && s_lv[0] == 'f' && NameIs(s_lv, "frame");
+}
+
 // Copies a text into a field of ui_size_av bytes, cut to fit; returns the
 // characters copied.
 size_t CopyCut(char* s_out_av, size_t ui_size_av, const char* s_in_av) {
@@ -196,8 +202,8 @@ void ReadBuffer(const ProfileParam* p_av, const void** pp_out_av, uint32_t* p_si
 
 // One element of the "frame" list; false when its name and type are not
 // among those the frame is made of.
-bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameField field_lv, TFrameRead* p_rd_av) {
-  long long i64_cam_lv = static_cast<long long>(InfoCamId(p_av->m_camera_info_w));
+bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameField field_lv, TFrameRead* p_rd_av,
+               long long i64_cam_lv) {
   switch (field_lv) {
     case FF_NEED:
       p_rd_av->m_p_need = static_cast<int32_t*>(p_el_av->value);
@@ -269,15 +275,15 @@ bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameField field_lv,
   }
 }
 
-void WalkFrame(CWriter* p_av, ProfileParam* p_frame_av, TFrameRead* p_rd_av) {
+// Once the frame is spoilt the rest of its elements are not looked at.
+void WalkFrame(CWriter* p_av, ProfileParam* p_frame_av, TFrameRead* p_rd_av, long long i64_cam_av) {
   int32_t i_pos_lv = 0;
-  for (const ProfileParam* p_lv = p_frame_av; p_lv->type != PP_END; p_lv++, i_pos_lv++) {
-    if (!p_rd_av->m_b_ok) continue;
+  for (const ProfileParam* p_lv = p_frame_av; p_lv->type != PP_END && p_rd_av->m_b_ok; p_lv++, i_pos_lv++) {
     TFrameField field_lv = FieldOf(p_lv);
     if (i_pos_lv < I_FIELDS_KEPT) p_rd_av->m_ui_fields[i_pos_lv] = static_cast<uint8_t>(field_lv);
-    ReadKnown(p_av, p_lv, field_lv, p_rd_av);
-    p_rd_av->m_i_count++;
+    ReadKnown(p_av, p_lv, field_lv, p_rd_av, i64_cam_av);
   }
+  p_rd_av->m_i_count = i_pos_lv;
 }
 
 // Data present, the channel's medium, key-only. False drops the frame.
@@ -585,8 +591,9 @@ void LogAdmitted(CWriter* p_av) {
 }
 
 // Checks from the walk to the index gaps; true when the frame goes on.
-bool CheckFrame(CWriter* p_av, ProfileParam* p_frame_av, TFrameRead* p_rd_av, int64_t i64_now_av) {
-  if (p_frame_av != nullptr) WalkFrame(p_av, p_frame_av, p_rd_av);
+bool CheckFrame(CWriter* p_av, ProfileParam* p_frame_av, TFrameRead* p_rd_av, int64_t i64_now_av,
+                long long i64_cam_av) {
+  if (p_frame_av != nullptr) WalkFrame(p_av, p_frame_av, p_rd_av, i64_cam_av);
   if (p_rd_av->m_b_bad) TRACE45(TLOG_ARC, TSEV_FAULT, "<error>data not correct");
   if (!p_rd_av->m_b_ok || !CheckMedium(p_av)) return false;
   int64_t i64_orig_lv = p_rd_av->m_i64_time;
@@ -658,7 +665,7 @@ void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av
   bool b_ok_lv = false;
   if (b_need_lv == 1) {
     p_av->m_ui_params_size = 0;
-    b_ok_lv = CheckFrame(p_av, p_frame_av, &rd_lv, i64_now_lv);
+    b_ok_lv = CheckFrame(p_av, p_frame_av, &rd_lv, i64_now_lv, i64_cam_lv);
   }
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20123, 3);
   if (b_ok_lv) {
@@ -760,7 +767,7 @@ void on_frame(void* p_user_av, ProfileParam* p_params_av) {
   Mark(p_wd_lv, WAIT_GROUP_FRAME_STAT, 20141, 1);
   if (p_params_av != nullptr)
     for (ProfileParam* p_lv = p_params_av; p_lv->type != PP_END; p_lv++)
-      if (Is(p_lv, "frame", PP_LIST)) on_frame_level1(p_av, static_cast<ProfileParam*>(p_lv->value), p_wd_lv);
+      if (IsFrameList(p_lv)) on_frame_level1(p_av, static_cast<ProfileParam*>(p_lv->value), p_wd_lv);
   int64_t i64_now_lv = FileTimeNowLocalI64();
   if (i64_now_lv > p_av->m_i64_last_stat_print + I64_STAT_PRINT_PERIOD) {
     WaitStatPrint(p_wd_lv, 1, InfoCamId(p_av->m_camera_info_w), p_av->m_i64_type_id);
