@@ -236,6 +236,8 @@ TEST_F(WriterPipelineTest, FramesReachTheArchiveByteForByteInOrderWithEachMedium
                               Video(false, kT0 + 80000, 3, "p2"), Video(true, kT0 + 120000, 5, "key-frame-1"),
                               Video(false, kT0 + 160000, 6, "p3")};
   std::vector<Frame> audio = {Audio(kT0 + 10000, 1, "pcm-a"), Audio(kT0 + 30000, 2, "pcm-b")};
+  // A stream that changes its code and back: head and type byte follow each frame's code.
+  video[3].fcc = Fcc("ABCD");
   m_source.Send(video[0]);
   m_source.Send(audio[0]);
   m_source.Send(video[1]);
@@ -255,7 +257,7 @@ TEST_F(WriterPipelineTest, FramesReachTheArchiveByteForByteInOrderWithEachMedium
     number = video[i].key ? ((number + 1) & ~0xFFFu) + 0x1000 : number + 1;
     int64_t t = LocalTicks(video[i].time);
     EXPECT_EQ(t, v[i].time) << i;
-    EXPECT_EQ(video[i].key ? 35 : 33, v[i].type) << i;
+    EXPECT_EQ((video[i].key ? 2 : 0) | (video[i].fcc == Fcc("H264") ? 32 : 0) | 1, v[i].type) << i;
     EXPECT_EQ(ExpectedBlock(video[i], t, number), v[i].block) << i;
   }
   std::vector<Stored> a = Read("audio");

@@ -141,8 +141,22 @@ uint64_t FrameBlockSize(int32_t i_key_av, uint32_t ui_data_av, uint32_t ui_extra
   return ui64_lv;
 }
 
+bool FccIsMpeg4(uint32_t ui_fcc_av) {
+  static const char* const S_CODES_LV[] = {"XVID", "DIVX", "xvid", "divx", "mp4v", "DX50", "H264", "h264"};
+  for (const char* s_lv : S_CODES_LV)
+    if (ui_fcc_av == Fcc(s_lv)) return true;
+  return false;
+}
+
 void FrameBlockWriteHead(uint8_t* pb_av, int32_t i_key_av, uint64_t ui64_local_time_av, uint32_t ui_frame_number_av,
                          int32_t i_width_av, int32_t i_height_av, uint32_t ui_fcc_av) {
+  FrameBlockWriteHeadCodec(pb_av, i_key_av, ui64_local_time_av, ui_frame_number_av, i_width_av, i_height_av, ui_fcc_av,
+                           i_key_av != 0 ? CodecNumberOfFcc(ui_fcc_av) : 0);
+}
+
+void FrameBlockWriteHeadCodec(uint8_t* pb_av, int32_t i_key_av, uint64_t ui64_local_time_av,
+                              uint32_t ui_frame_number_av, int32_t i_width_av, int32_t i_height_av, uint32_t ui_fcc_av,
+                              uint16_t ui_codec_av) {
   uint32_t ui_head_lv = FrameBlockHeadSize(i_key_av);
   memset(pb_av, 0, ui_head_lv);
   PutLe32(pb_av, ui_head_lv);
@@ -155,7 +169,7 @@ void FrameBlockWriteHead(uint8_t* pb_av, int32_t i_key_av, uint64_t ui64_local_t
   int16_t i_h16_lv = static_cast<int16_t>(i_height_av);
   uint32_t ui_product_lv = static_cast<uint32_t>(i_width_av) * static_cast<uint32_t>(static_cast<int32_t>(i_h16_lv)) * 12u;
   PutLe32(pb_av + 32, static_cast<uint32_t>(static_cast<int32_t>(ui_product_lv) / 8));
-  uint16_t ui_codec_lv = CodecNumberOfFcc(ui_fcc_av);
+  uint16_t ui_codec_lv = ui_codec_av;
   PutLe16(pb_av + 36, ui_codec_lv);
   PutLe16(pb_av + 38, static_cast<uint16_t>(i_height_av));
   PutLe16(pb_av + 40, static_cast<uint16_t>(i_width_av));

@@ -26,12 +26,35 @@ const int32_t I_PARAM_DEPTH_MAX = 16;
 
 // The codec number the archive knows for a four-character code.
 uint16_t CodecNumberOfFcc(uint32_t ui_fcc_av);
+// True for the codes the archive marks as MPEG-4 in the frame type byte.
+bool FccIsMpeg4(uint32_t ui_fcc_av);
+// What a code stands for, worked out once per change of a channel's code:
+// a stream keeps its code frame after frame.
+struct TFccFacts {
+  uint32_t m_ui_fcc = 0;
+  uint16_t m_ui_codec = 0;
+  bool m_b_mpeg4 = false;
+  bool m_b_known = false;
+};
+inline const TFccFacts& FccFactsOf(TFccFacts* p_av, uint32_t ui_fcc_av) {
+  if (!p_av->m_b_known || p_av->m_ui_fcc != ui_fcc_av) {
+    p_av->m_ui_fcc = ui_fcc_av;
+    p_av->m_ui_codec = CodecNumberOfFcc(ui_fcc_av);
+    p_av->m_b_mpeg4 = FccIsMpeg4(ui_fcc_av);
+    p_av->m_b_known = true;
+  }
+  return *p_av;
+}
 uint32_t FrameBlockHeadSize(int32_t i_key_av);
 // Whole block size for the given payload sizes (sections included).
 uint64_t FrameBlockSize(int32_t i_key_av, uint32_t ui_data_av, uint32_t ui_extra_av, uint32_t ui_params_av);
 // Zero-fills and writes the head; pb_av must hold FrameBlockHeadSize bytes.
 void FrameBlockWriteHead(uint8_t* pb_av, int32_t i_key_av, uint64_t ui64_local_time_av, uint32_t ui_frame_number_av,
                          int32_t i_width_av, int32_t i_height_av, uint32_t ui_fcc_av);
+// The same with the code's codec number already known.
+void FrameBlockWriteHeadCodec(uint8_t* pb_av, int32_t i_key_av, uint64_t ui64_local_time_av,
+                              uint32_t ui_frame_number_av, int32_t i_width_av, int32_t i_height_av, uint32_t ui_fcc_av,
+                              uint16_t ui_codec_av);
 // Writes one section (head and data); returns the bytes written.
 uint32_t FrameBlockPutSection(uint8_t* pb_av, uint32_t ui_type_av, const void* p_data_av, uint32_t ui_size_av);
 

@@ -729,6 +729,7 @@ int32_t FillBuff(CWriter* p_av, int32_t i_slot_av) {
   uint8_t* pb_lv = GetDataBuff(p_buff_lv);
   p_av->m_pb_frame_block = pb_lv;
   int64_t i64_local_lv = FrameLocalTicks(p_av->m_i64_time);
+  p_av->m_i64_block_local_time = i64_local_lv;
   uint32_t ui_number_lv = NextFrameNumber(p_av);
   if (LogTraceWanted(TLOG_ARC_TRACE)) {
     char s_time_lv[FILE_TIME_TEXT_SIZE];
@@ -737,8 +738,9 @@ int32_t FillBuff(CWriter* p_av, int32_t i_slot_av) {
             static_cast<long long>(i64_local_lv), s_time_lv);
   }
   StableMark(i_slot_av, 22011);
-  FrameBlockWriteHead(pb_lv, p_av->m_i_key, static_cast<uint64_t>(i64_local_lv), ui_number_lv, p_av->m_i_width,
-                      p_av->m_i_height, p_av->m_ui_fcc);
+  uint16_t ui_codec_lv = p_av->m_i_key != 0 ? FccFactsOf(&p_av->m_fcc_facts, p_av->m_ui_fcc).m_ui_codec : 0;
+  FrameBlockWriteHeadCodec(pb_lv, p_av->m_i_key, static_cast<uint64_t>(i64_local_lv), ui_number_lv, p_av->m_i_width,
+                           p_av->m_i_height, p_av->m_ui_fcc, ui_codec_lv);
   uint32_t ui_pos_lv = ui_head_lv;
   ui_pos_lv += FrameBlockPutSection(pb_lv + ui_pos_lv, UI_SECTION_DATA, p_av->m_p_data, p_av->m_ui_data_size);
   StableMark(i_slot_av, 22021);
