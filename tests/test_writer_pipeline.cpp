@@ -389,6 +389,43 @@ TEST_F(WriterPipelineTest, EveryUnknownElementOfAFrameIsCarriedInOrder) {
   }
 }
 
+// A stream that keeps its elements has its last section reused with the new
+// values; a frame that reorders, drops or nulls an element gets its own.
+TEST_F(WriterPipelineTest, EachFrameGetsTheSectionOfItsOwnElements) {
+  int32_t key = 1, width = 640, height = 480;
+  ProfileBuffer data = {const_cast<char*>("kf"), 2};
+  const int kFrames = 7;
+  int64_t times[kFrames], indexes[kFrames];
+  std::vector<std::string> expected;
+  for (int n = 0; n < kFrames; n++) {
+    times[n] = kT0 + n * 40000;
+    indexes[n] = 100 + n;
+    bool swapped = n == 2, no_type = n == 4, null_index = n == 5;
+    ProfileParam w = {PP_INT32, "width", &width}, h = {PP_INT32, "height", &height};
+    std::vector<ProfileParam> f = {{PP_INT32, "need", &m_source.need}, {PP_BUFFER, "data", &data},
+                                   {PP_INT32, "key", &key}, {PP_INT64, "time", &times[n]}};
+    f.push_back(swapped ? h : w);
+    f.push_back(swapped ? w : h);
+    f.push_back({PP_INT64, "index", null_index ? nullptr : &indexes[n]});
+    if (!no_type) f.push_back({PP_STRING, "type", const_cast<char*>("video")});
+    f.push_back({PP_END, nullptr, nullptr});
+    std::string rw = Record(4, "width", I32(width)), rh = Record(4, "height", I32(height));
+    std::string params = Record(4, "key", I32(1)) + Record(5, "time", I64(times[n])) + (swapped ? rh + rw : rw + rh) +
+                         Record(5, "index", null_index ? "" : I64(indexes[n])) +
+                         (no_type ? "" : Record(2, "type", I32(10) + "video" + '\0'));
+    m_source.SendRaw(f.data());
+    expected.push_back(Section(513, params + Record(5, "arc_prev_write", I64(0))));
+  }
+  ASSERT_TRUE(WaitWritten(kFrames));
+  CloseAll();
+  std::vector<Stored> v = Read("video");
+  ASSERT_EQ(static_cast<size_t>(kFrames), v.size());
+  for (int n = 0; n < kFrames; n++) {
+    ASSERT_GE(v[n].block.size(), expected[n].size()) << n;
+    EXPECT_EQ(expected[n], v[n].block.substr(v[n].block.size() - expected[n].size())) << n;
+  }
+}
+
 TEST_F(WriterPipelineTest, FarTimesAreRefusedAndCountersStopAtTheirLimit) {
   m_source.Send(Video(true, kT0, 1, "k"));
   // Beyond what a file time holds, either way: refused as a bad time.

@@ -417,6 +417,7 @@ struct TParamPlan {
   const ProfileParam* m_p_params[I_PLAN_MAX];
   const TParamFixed* m_p_fixed[I_PLAN_MAX];  // null: the record is measured and written from the element
   uint32_t m_ui_lengths[I_PLAN_MAX];
+  uint32_t m_ui_value_at[I_PLAN_MAX];  // where EncodePlan put each fixed record's value
   int32_t m_i_count;
   bool m_b_whole;  // false: more elements than the plan holds
 };
@@ -455,6 +456,15 @@ const TParamFixed* FixedRecordOf(TFrameField field_av, const ProfileParam* p_av)
   }
 }
 
+// The fixed record of a carried element of a frame; null for
+// one measured the long way.
+const TParamFixed* FixedOrTextRecordOf(TFrameField field_av, const ProfileParam* p_av, const TFrameRead* p_rd_av) {
+  const TParamFixed* p_fixed_lv = FixedRecordOf(field_av, p_av);
+  if (p_fixed_lv == nullptr && p_rd_av != nullptr && p_av == p_rd_av->m_p_type && p_rd_av->m_ui_type_len != UI_TYPE_LEN_UNKNOWN)
+    p_fixed_lv = &g_known_records.m_type;
+  return p_fixed_lv;
+}
+
 // The kind of the element at a position: as the walk kept it, or looked up
 // anew beyond what it keeps (the local list has no walk).
 TFrameField FieldAt(const TFrameRead* p_rd_av, int32_t i_pos_av, const ProfileParam* p_av) {
@@ -479,17 +489,14 @@ uint64_t ParamsSize(const ProfileParam* p_list_av, const TFrameRead* p_rd_av, TP
   for (const ProfileParam* p_lv = p_list_av; p_lv->type != PP_END; p_lv++, i_pos_lv++) {
     TFrameField field_lv = FieldAt(p_rd_av, i_pos_lv, p_lv);
     if (!CarriedAsParam(field_lv)) continue;
-    const TParamFixed* p_fixed_lv = FixedRecordOf(field_lv, p_lv);
+    const TParamFixed* p_fixed_lv = FixedOrTextRecordOf(field_lv, p_lv, p_rd_av);
     uint64_t ui64_len_lv = 0;
-    if (p_fixed_lv != nullptr) {
-      ui64_len_lv = p_fixed_lv->m_ui_length;
-    } else if (p_rd_av != nullptr && p_lv == p_rd_av->m_p_type && p_rd_av->m_ui_type_len != UI_TYPE_LEN_UNKNOWN) {
-      // The walk measured the text when it took the frame's type.
-      p_fixed_lv = &g_known_records.m_type;
-      ui64_len_lv = ParamTextLength(p_fixed_lv, p_rd_av->m_ui_type_len);
-    } else {
+    if (p_fixed_lv == nullptr)
       ui64_len_lv = ParamRecordLength(p_lv);
-    }
+    else if (p_fixed_lv->m_ui_payload == 0)  // the walk measured the text when it took the frame's type
+      ui64_len_lv = ParamTextLength(p_fixed_lv, p_rd_av->m_ui_type_len);
+    else
+      ui64_len_lv = p_fixed_lv->m_ui_length;
     ui64_lv += ui64_len_lv;
     PlanAdd(p_plan_av, p_lv, p_fixed_lv, ui64_len_lv);
   }
@@ -506,26 +513,80 @@ void EncodeList(CWriter* p_av, const ProfileParam* p_list_av, const TFrameRead* 
 // The measured records, written one after the other. A record that cannot
 // be encoded, or a buffer that could not grow, goes through EncodeParam,
 // which says why.
-void EncodePlan(CWriter* p_av, const TParamPlan* p_plan_av, int32_t i_from_av, int32_t i_to_av) {
+// False when a record went through EncodeParam.
+bool EncodePlan(CWriter* p_av, TParamPlan* p_plan_av, int32_t i_from_av, int32_t i_to_av) {
+  bool b_all_lv = true;
   for (int32_t i_lv = i_from_av; i_lv < i_to_av; i_lv++) {
     uint32_t ui_len_lv = p_plan_av->m_ui_lengths[i_lv];
     uint64_t ui64_end_lv = static_cast<uint64_t>(p_av->m_ui_params_size) + ui_len_lv;
     if (ui_len_lv == 0 || ui64_end_lv > p_av->m_ui_params_capacity) {
       EncodeParam(p_plan_av->m_p_params[i_lv], &p_av->m_pb_params, &p_av->m_ui_params_capacity,
                   &p_av->m_ui_params_size);
+      b_all_lv = false;
       continue;
     }
     uint8_t* pb_lv = p_av->m_pb_params + p_av->m_ui_params_size;
     const TParamFixed* p_fixed_lv = p_plan_av->m_p_fixed[i_lv];
     const void* p_value_lv = p_plan_av->m_p_params[i_lv]->value;
-    if (p_fixed_lv == nullptr)
+    if (p_fixed_lv == nullptr) {
       p_av->m_ui_params_size += WriteParamRecord(p_plan_av->m_p_params[i_lv], ui_len_lv, pb_lv);
-    else if (p_fixed_lv->m_ui_payload == 0)  // the type text, its length in the plan
+    } else if (p_fixed_lv->m_ui_payload == 0) {  // the type text, its length in the plan
+      p_plan_av->m_ui_value_at[i_lv] = p_av->m_ui_params_size + p_fixed_lv->m_ui_length + 4;
       p_av->m_ui_params_size += ParamTextWrite(p_fixed_lv, static_cast<const char*>(p_value_lv),
                                                ui_len_lv - ParamTextLength(p_fixed_lv, 0), pb_lv);
-    else
+    } else {
+      p_plan_av->m_ui_value_at[i_lv] = p_av->m_ui_params_size + p_fixed_lv->m_ui_length - p_fixed_lv->m_ui_payload;
       p_av->m_ui_params_size += ParamFixedWrite(p_fixed_lv, p_value_lv, pb_lv);
+    }
   }
+  return b_all_lv;
+}
+
+// Puts the frame's values into the channel's last section when the frame
+// carries the same records in the same order; false otherwise, and the
+// section is then encoded whole (what was put in place is overwritten).
+bool PatchLayout(CWriter* p_av, const ProfileParam* p_frame_av, const TFrameRead* p_rd_av) {
+  const TParamLayout* p_lay_lv = &p_av->m_param_layout;
+  if (p_lay_lv->m_i_count < 0 || p_av->m_pb_params == nullptr || p_av->m_ui_params_capacity < p_lay_lv->m_ui_size)
+    return false;
+  int32_t i_rec_lv = 0;
+  int32_t i_pos_lv = 0;
+  for (const ProfileParam* p_lv = p_frame_av; p_lv->type != PP_END; p_lv++, i_pos_lv++) {
+    if (i_pos_lv >= I_FIELDS_KEPT) return false;
+    TFrameField field_lv = static_cast<TFrameField>(p_rd_av->m_ui_fields[i_pos_lv]);
+    if (!CarriedAsParam(field_lv)) continue;
+    const TParamFixed* p_fixed_lv = FixedOrTextRecordOf(field_lv, p_lv, p_rd_av);
+    if (i_rec_lv == p_lay_lv->m_i_count || p_fixed_lv == nullptr || p_fixed_lv != p_lay_lv->m_p_fixed[i_rec_lv])
+      return false;
+    uint8_t* pb_lv = p_av->m_pb_params + p_lay_lv->m_ui_value_at[i_rec_lv];
+    if (p_fixed_lv->m_ui_payload == 8) {
+      memcpy(pb_lv, p_lv->value, 8);
+    } else if (p_fixed_lv->m_ui_payload == 4) {
+      memcpy(pb_lv, p_lv->value, 4);
+    } else {
+      if (p_rd_av->m_ui_type_len != p_lay_lv->m_ui_type_len) return false;
+      memcpy(pb_lv, p_lv->value, p_rd_av->m_ui_type_len);
+    }
+    i_rec_lv++;
+  }
+  if (i_rec_lv != p_lay_lv->m_i_count) return false;
+  p_av->m_ui_params_size = p_lay_lv->m_ui_size;
+  return true;
+}
+
+// Keeps where the section's records lie when every record of the frame has
+// a fixed form and was written in place.
+void KeepLayout(CWriter* p_av, const TParamPlan* p_plan_av, int32_t i_frame_count_av, const TFrameRead* p_rd_av) {
+  TParamLayout* p_lay_lv = &p_av->m_param_layout;
+  if (i_frame_count_av > I_PARAM_LAYOUT_MAX) return;
+  for (int32_t i_lv = 0; i_lv < i_frame_count_av; i_lv++) {
+    if (p_plan_av->m_p_fixed[i_lv] == nullptr) return;
+    p_lay_lv->m_p_fixed[i_lv] = p_plan_av->m_p_fixed[i_lv];
+    p_lay_lv->m_ui_value_at[i_lv] = p_plan_av->m_ui_value_at[i_lv];
+  }
+  p_lay_lv->m_ui_type_len = p_rd_av->m_ui_type_len;
+  p_lay_lv->m_ui_size = p_av->m_ui_params_size;
+  p_lay_lv->m_i_count = i_frame_count_av;
 }
 
 // The frame's other elements and the local list, encoded for the
@@ -538,6 +599,15 @@ void EncodeFrameParams(CWriter* p_av, const ProfileParam* p_frame_av, const TFra
   plan_lv.m_b_whole = true;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20124, 4);
   p_av->m_ui_params_size = 0;
+  if (p_frame_av != nullptr && PatchLayout(p_av, p_frame_av, p_rd_av)) {
+    Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20125, 5);
+    Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20126, 6);
+    Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20127, 7);
+    Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20128, 8);
+    return;  // the local records are constant: they stand as they were written
+  }
+  p_av->m_ui_params_size = 0;
+  p_av->m_param_layout.m_i_count = -1;
   uint64_t ui64_size_lv = p_frame_av != nullptr ? ParamsSize(p_frame_av, p_rd_av, &plan_lv) : 0;
   int32_t i_frame_count_lv = plan_lv.m_i_count;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20125, 5);
@@ -560,9 +630,10 @@ void EncodeFrameParams(CWriter* p_av, const ProfileParam* p_frame_av, const TFra
     EncodeList(p_av, local_lv, nullptr);
     return;
   }
-  EncodePlan(p_av, &plan_lv, 0, i_frame_count_lv);
+  bool b_in_place_lv = EncodePlan(p_av, &plan_lv, 0, i_frame_count_lv);
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20128, 8);
-  EncodePlan(p_av, &plan_lv, i_frame_count_lv, plan_lv.m_i_count);
+  b_in_place_lv = EncodePlan(p_av, &plan_lv, i_frame_count_lv, plan_lv.m_i_count) && b_in_place_lv;
+  if (b_in_place_lv && p_frame_av != nullptr) KeepLayout(p_av, &plan_lv, i_frame_count_lv, p_rd_av);
 }
 
 // Nothing goes to the archive before the first key frame of the channel or

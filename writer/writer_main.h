@@ -14,6 +14,7 @@
 #include "writer/writer_by_event.h"
 #include "writer/writer_exchanger.h"
 #include "writer/writer_inform.h"
+#include "writer/writer_intake.h"
 #include "writer/writer_schedule.h"
 
 class CWriter;
@@ -153,6 +154,7 @@ class CWriter final {
   // what the channel's last four-character code stands for.
   int64_t m_i64_block_local_time;
   TFccFacts m_fcc_facts;
+  TParamLayout m_param_layout;
 };
 
 // Video first, audio second, in one allocation.
