@@ -49,7 +49,7 @@ bool Is(const ProfileParam* p_av, const char* s_name_av, uint32_t ui_type_av) {
 // against each known name in turn.
 enum TFrameField {
   FF_OTHER, FF_NEED, FF_DATA, FF_EXTRA, FF_WIDTH, FF_HEIGHT, FF_FCC, FF_INDEX, FF_KEY, FF_TIME, FF_TYPE,
-  FF_GET, FF_PARENT, FF_ERROR, FF_VIRTUAL, FF_NEAREST, FF_TYPES_DESCR
+  FF_GET, FF_PARENT, FF_ERROR, FF_VIRTUAL, FF_NEAREST, FF_TYPES_DESCR, FF_COUNT
 };
 
 // A name against a known text whose first letter FieldOf's switch has
@@ -298,7 +298,12 @@ bool CheckMedium(CWriter* p_av) {
     FCCToDataType(p_av->m_ui_fcc, p_av->m_s_frame_type);
     TRACE44(TLOG_ARC_TRACE, "<%lld>on frame after FCCToDataType type %s ", i64_cam_lv, p_av->m_s_frame_type);
   }
-  if (p_av->m_s_frame_type[0] != 0 && strcmp(p_av->m_s_frame_type, TypeText(p_av)) != 0) return false;
+  // Both channels of a camera hear every frame: the other medium's differs
+  // at its first letter already.
+  const char* s_type_lv = TypeText(p_av);
+  if (p_av->m_s_frame_type[0] != 0 &&
+      (p_av->m_s_frame_type[0] != s_type_lv[0] || strcmp(p_av->m_s_frame_type, s_type_lv) != 0))
+    return false;
   // A video channel takes a frame of unknown medium; an audio one does not.
   if (WriterIsAudio(p_av) && p_av->m_s_frame_type[0] == 0) return false;
   if (AtomicGet(&p_av->m_b_only_key_frame) != 0 && p_av->m_i_key == 0) return false;
@@ -366,10 +371,11 @@ void LogTimes(CWriter* p_av, int64_t i64_orig_av, int64_t i64_now_av) {
 void LogIndexGap(CWriter* p_av, int64_t i64_index_av) {
   int64_t* p_prev_lv = &p_av->m_i64_prev_index;
   int i_kind_lv = 0;
-  if (strcmp(p_av->m_s_frame_type, "audio") == 0) {
+  const char* s_type_lv = p_av->m_s_frame_type;
+  if (s_type_lv[0] == 'a' && strcmp(s_type_lv, "audio") == 0) {
     p_prev_lv = &p_av->m_i64_prev_audio_index;
     i_kind_lv = 1;
-  } else if (strcmp(p_av->m_s_frame_type, "video") == 0) {
+  } else if (s_type_lv[0] == 'v' && strcmp(s_type_lv, "video") == 0) {
     p_prev_lv = &p_av->m_i64_prev_video_index;
     i_kind_lv = 2;
   }
@@ -435,25 +441,23 @@ struct TKnownRecords {
     ParamFixedMake(PP_INT64, "time", 8, &m_time);
     ParamFixedMake(PP_INT64, "arc_prev_write", 8, &m_prev_write);
     ParamTextMake("type", &m_type);
+    m_p_by_field[FF_WIDTH] = &m_width;
+    m_p_by_field[FF_HEIGHT] = &m_height;
+    m_p_by_field[FF_FCC] = &m_fcc;
+    m_p_by_field[FF_INDEX] = &m_index;
+    m_p_by_field[FF_KEY] = &m_key;
+    m_p_by_field[FF_TIME] = &m_time;
   }
   TParamFixed m_width, m_height, m_fcc, m_index, m_key, m_time, m_prev_write;
   TParamFixed m_type;  // a text: its head only
+  const TParamFixed* m_p_by_field[FF_COUNT] = {};  // the number elements' records by their kind
 };
 const TKnownRecords g_known_records;
 
 // The walk has matched the element's name and type already; a null value
 // is measured the long way (its record has no payload).
 const TParamFixed* FixedRecordOf(TFrameField field_av, const ProfileParam* p_av) {
-  if (p_av->value == nullptr) return nullptr;
-  switch (field_av) {
-    case FF_WIDTH: return &g_known_records.m_width;
-    case FF_HEIGHT: return &g_known_records.m_height;
-    case FF_FCC: return &g_known_records.m_fcc;
-    case FF_INDEX: return &g_known_records.m_index;
-    case FF_KEY: return &g_known_records.m_key;
-    case FF_TIME: return &g_known_records.m_time;
-    default: return nullptr;
-  }
+  return p_av->value != nullptr ? g_known_records.m_p_by_field[field_av] : nullptr;
 }
 
 // The fixed record of a carried element of a frame; null for
