@@ -400,7 +400,7 @@ TEST_F(WriterPipelineTest, EachFrameGetsTheSectionOfItsOwnElements) {
   for (int n = 0; n < kFrames; n++) {
     times[n] = kT0 + n * 40000;
     indexes[n] = 100 + n;
-    bool swapped = n == 2, no_type = n == 4, null_index = n == 5;
+    bool swapped = n == 2, no_type = n == 4, null_index = n == 6;
     ProfileParam w = {PP_INT32, "width", &width}, h = {PP_INT32, "height", &height};
     std::vector<ProfileParam> f = {{PP_INT32, "need", &m_source.need}, {PP_BUFFER, "data", &data},
                                    {PP_INT32, "key", &key}, {PP_INT64, "time", &times[n]}};

@@ -154,7 +154,7 @@ void UtcText(int64_t i64_micros_av, char* s_out_av) {
 
 // Elements whose kind the walk keeps for the parameter section; a longer
 // list has the rest looked up again.
-const int32_t I_FIELDS_KEPT = 32;
+const int32_t I_FIELDS_KEPT = I_PARAM_LAYOUT_ELEMENTS;
 
 const uint32_t UI_TYPE_LEN_UNKNOWN = 0xFFFFFFFFu;
 
@@ -547,47 +547,47 @@ bool EncodePlan(CWriter* p_av, TParamPlan* p_plan_av, int32_t i_from_av, int32_t
 }
 
 // Puts the frame's values into the channel's last section when the frame
-// carries the same records in the same order; false otherwise, and the
-// section is then encoded whole (what was put in place is overwritten).
+// has the same elements, of the same kinds, as the frame that made it:
+// its records are then the same ones. False otherwise, and the section is
+// encoded whole (what was put in place is overwritten).
 bool PatchLayout(CWriter* p_av, const ProfileParam* p_frame_av, const TFrameRead* p_rd_av) {
   const TParamLayout* p_lay_lv = &p_av->m_param_layout;
-  if (p_lay_lv->m_i_count < 0 || p_av->m_pb_params == nullptr || p_av->m_ui_params_capacity < p_lay_lv->m_ui_size)
+  if (p_lay_lv->m_i_count < 0 || p_av->m_pb_params == nullptr || p_av->m_ui_params_capacity < p_lay_lv->m_ui_size ||
+      p_rd_av->m_i_count != p_lay_lv->m_i_elements ||
+      memcmp(p_rd_av->m_ui_fields, p_lay_lv->m_ui_fields, sizeof(p_lay_lv->m_ui_fields)) != 0)
     return false;
-  int32_t i_rec_lv = 0;
-  int32_t i_pos_lv = 0;
-  for (const ProfileParam* p_lv = p_frame_av; p_lv->type != PP_END; p_lv++, i_pos_lv++) {
-    if (i_pos_lv >= I_FIELDS_KEPT) return false;
-    TFrameField field_lv = static_cast<TFrameField>(p_rd_av->m_ui_fields[i_pos_lv]);
-    if (!CarriedAsParam(field_lv)) continue;
-    const TParamFixed* p_fixed_lv = FixedOrTextRecordOf(field_lv, p_lv, p_rd_av);
-    if (i_rec_lv == p_lay_lv->m_i_count || p_fixed_lv == nullptr || p_fixed_lv != p_lay_lv->m_p_fixed[i_rec_lv])
-      return false;
+  for (int32_t i_rec_lv = 0; i_rec_lv < p_lay_lv->m_i_count; i_rec_lv++) {
+    const ProfileParam* p_lv = p_frame_av + p_lay_lv->m_ui_pos[i_rec_lv];
+    if (p_lv->value == nullptr) return false;  // a null index has a record of its own form
     uint8_t* pb_lv = p_av->m_pb_params + p_lay_lv->m_ui_value_at[i_rec_lv];
-    if (p_fixed_lv->m_ui_payload == 8) {
+    if (p_lay_lv->m_ui_payload[i_rec_lv] == 8) {
       memcpy(pb_lv, p_lv->value, 8);
-    } else if (p_fixed_lv->m_ui_payload == 4) {
+    } else if (p_lay_lv->m_ui_payload[i_rec_lv] == 4) {
       memcpy(pb_lv, p_lv->value, 4);
     } else {
-      if (p_rd_av->m_ui_type_len != p_lay_lv->m_ui_type_len) return false;
+      if (p_lv != p_rd_av->m_p_type || p_rd_av->m_ui_type_len != p_lay_lv->m_ui_type_len) return false;
       memcpy(pb_lv, p_lv->value, p_rd_av->m_ui_type_len);
     }
-    i_rec_lv++;
   }
-  if (i_rec_lv != p_lay_lv->m_i_count) return false;
   p_av->m_ui_params_size = p_lay_lv->m_ui_size;
   return true;
 }
 
 // Keeps where the section's records lie when every record of the frame has
 // a fixed form and was written in place.
-void KeepLayout(CWriter* p_av, const TParamPlan* p_plan_av, int32_t i_frame_count_av, const TFrameRead* p_rd_av) {
+void KeepLayout(CWriter* p_av, const TParamPlan* p_plan_av, int32_t i_frame_count_av, const ProfileParam* p_frame_av,
+                const TFrameRead* p_rd_av) {
   TParamLayout* p_lay_lv = &p_av->m_param_layout;
-  if (i_frame_count_av > I_PARAM_LAYOUT_MAX) return;
+  if (i_frame_count_av > I_PARAM_LAYOUT_MAX || p_rd_av->m_i_count > I_PARAM_LAYOUT_ELEMENTS) return;
   for (int32_t i_lv = 0; i_lv < i_frame_count_av; i_lv++) {
-    if (p_plan_av->m_p_fixed[i_lv] == nullptr) return;
-    p_lay_lv->m_p_fixed[i_lv] = p_plan_av->m_p_fixed[i_lv];
+    const TParamFixed* p_fixed_lv = p_plan_av->m_p_fixed[i_lv];
+    if (p_fixed_lv == nullptr) return;
+    p_lay_lv->m_ui_pos[i_lv] = static_cast<uint8_t>(p_plan_av->m_p_params[i_lv] - p_frame_av);
+    p_lay_lv->m_ui_payload[i_lv] = static_cast<uint8_t>(p_fixed_lv->m_ui_payload);
     p_lay_lv->m_ui_value_at[i_lv] = p_plan_av->m_ui_value_at[i_lv];
   }
+  memcpy(p_lay_lv->m_ui_fields, p_rd_av->m_ui_fields, sizeof(p_lay_lv->m_ui_fields));
+  p_lay_lv->m_i_elements = p_rd_av->m_i_count;
   p_lay_lv->m_ui_type_len = p_rd_av->m_ui_type_len;
   p_lay_lv->m_ui_size = p_av->m_ui_params_size;
   p_lay_lv->m_i_count = i_frame_count_av;
@@ -637,7 +637,7 @@ void EncodeFrameParams(CWriter* p_av, const ProfileParam* p_frame_av, const TFra
   bool b_in_place_lv = EncodePlan(p_av, &plan_lv, 0, i_frame_count_lv);
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20128, 8);
   b_in_place_lv = EncodePlan(p_av, &plan_lv, i_frame_count_lv, plan_lv.m_i_count) && b_in_place_lv;
-  if (b_in_place_lv && p_frame_av != nullptr) KeepLayout(p_av, &plan_lv, i_frame_count_lv, p_rd_av);
+  if (b_in_place_lv && p_frame_av != nullptr) KeepLayout(p_av, &plan_lv, i_frame_count_lv, p_frame_av, p_rd_av);
 }
 
 // Nothing goes to the archive before the first key frame of the channel or
