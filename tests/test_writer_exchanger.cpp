@@ -90,7 +90,7 @@ TEST(WriterExchanger, FixedRecordsMatchTheElementsEncoding) {
   EXPECT_FALSE(ParamFixedMake(PP_INT32, "w", 8, &refused));
   EXPECT_FALSE(ParamFixedMake(PP_INT64, "a_name_too_long_for_the_fixed_record_xx", 8, &refused));
   EXPECT_FALSE(ParamTextMake("a_name_far_too_long_for_the_fixed_record_head", &refused));
-  uint8_t out[64];
+  uint8_t out[128];
   uint32_t n = ParamFixedWrite(&wide, &i64, out);
   n += ParamFixedWrite(&narrow, i32, out + n);
   n += ParamTextWrite(&text, "video", 5, out + n);
