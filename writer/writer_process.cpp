@@ -110,11 +110,7 @@ int32_t MediaCode(const TCameraInfoW* p_av, int32_t i_video_av, int32_t i_audio_
   return WriterIsAudio(p_av->m_p_writer) ? i_audio_av : i_video_av;
 }
 
-uint8_t FrameTypeByte(int32_t i_key_av, uint32_t ui_fcc_av, const char* s_frame_type_av) {
-  return FrameTypeByteOf(i_key_av, FccIsMpeg4(ui_fcc_av), s_frame_type_av);
-}
-
-uint8_t FrameTypeByteOf(int32_t i_key_av, bool b_mpeg4_av, const char* s_frame_type_av) {
+uint8_t FrameTypeByte(int32_t i_key_av, bool b_mpeg4_av, const char* s_frame_type_av) {
   uint8_t ui_lv = UI_FRAME_TYPE_ANY;
   if (i_key_av != 0) ui_lv |= UI_FRAME_TYPE_KEY;
   if (b_mpeg4_av) ui_lv |= UI_FRAME_TYPE_MPEG4;
@@ -165,7 +161,7 @@ int32_t WriteData(TCameraInfoW* p_av, int32_t i_slot_av) {
     TRACE45(TLOG_ARC, TSEV_FAULT, "<error>Writer Error: bad write param");
   } else {
     const TFccFacts& facts_lv = FccFactsOf(&p_writer_lv->m_fcc_facts, p_writer_lv->m_ui_fcc);
-    uint8_t ui_type_lv = FrameTypeByteOf(p_writer_lv->m_i_key, facts_lv.m_b_mpeg4, p_writer_lv->m_s_frame_type);
+    uint8_t ui_type_lv = FrameTypeByte(p_writer_lv->m_i_key, facts_lv.m_b_mpeg4, p_writer_lv->m_s_frame_type);
     StableMark(i_slot_av, 21891);
     PutToBuffers(p_av->m_p_write_buffering, p_writer_lv->m_ui_frame_block_size, ui_type_lv, i64_time_lv);
   }
