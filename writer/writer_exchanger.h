@@ -91,7 +91,9 @@ inline uint32_t ParamFixedWrite(const TParamFixed* p_av, const void* p_value_av,
 // the head's bytes and m_ui_payload 0; the text's length comes with each
 // frame. False when the name does not fit.
 bool ParamTextMake(const char* s_name_av, TParamFixed* p_out_av);
-inline uint32_t ParamTextLength(const TParamFixed* p_av, uint32_t ui_text_av) { return p_av->m_ui_length + ui_text_av + 5; }
+inline uint32_t ParamTextLength(const TParamFixed* p_av, uint32_t ui_text_av) {
+  return p_av->m_ui_length + ui_text_av + 5;
+}
 // Writes the record of a text of ui_text_av characters; returns its length.
 uint32_t ParamTextWrite(const TParamFixed* p_av, const char* s_text_av, uint32_t ui_text_av, uint8_t* pb_av);
 // Appends the record of one element to a growing buffer. RC 0 on success,

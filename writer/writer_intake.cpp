@@ -263,7 +263,8 @@ bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameField field_lv,
         // A longer text than the field holds is cut.
         size_t ui_len_lv = CopyCut(p_av->m_s_frame_type, UI_FRAME_TYPE_TEXT, static_cast<const char*>(p_el_av->value));
         p_rd_av->m_p_type = p_el_av;
-        p_rd_av->m_ui_type_len = ui_len_lv < UI_FRAME_TYPE_TEXT - 1 ? static_cast<uint32_t>(ui_len_lv) : UI_TYPE_LEN_UNKNOWN;
+        p_rd_av->m_ui_type_len =
+            ui_len_lv < UI_FRAME_TYPE_TEXT - 1 ? static_cast<uint32_t>(ui_len_lv) : UI_TYPE_LEN_UNKNOWN;
         TRACE44(TLOG_ARC_TRACE, "<%lld>on frame type %s ", i64_cam_lv, p_av->m_s_frame_type);
       }
       return true;
@@ -460,11 +461,13 @@ const TParamFixed* FixedRecordOf(TFrameField field_av, const ProfileParam* p_av)
   return p_av->value != nullptr ? g_known_records.m_p_by_field[field_av] : nullptr;
 }
 
-// The fixed record of a carried element of a frame; null for
-// one measured the long way.
+// The fixed record of a carried element of a frame; null for one measured
+// the long way. The type text's record is fixed when the walk measured the
+// text whole as it took the frame's type from this element.
 const TParamFixed* FixedOrTextRecordOf(TFrameField field_av, const ProfileParam* p_av, const TFrameRead* p_rd_av) {
   const TParamFixed* p_fixed_lv = FixedRecordOf(field_av, p_av);
-  if (p_fixed_lv == nullptr && p_rd_av != nullptr && p_av == p_rd_av->m_p_type && p_rd_av->m_ui_type_len != UI_TYPE_LEN_UNKNOWN)
+  if (p_fixed_lv == nullptr && p_rd_av != nullptr && p_av == p_rd_av->m_p_type &&
+      p_rd_av->m_ui_type_len != UI_TYPE_LEN_UNKNOWN)
     p_fixed_lv = &g_known_records.m_type;
   return p_fixed_lv;
 }
