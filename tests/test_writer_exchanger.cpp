@@ -75,6 +75,31 @@ TEST(WriterExchanger, EveryElementTypeEncodesToItsRecord) {
   EXPECT_EQ(want, Encode(params));
 }
 
+// Records built once and filled per frame are the same bytes as the
+// element's own encoding; only number types get a fixed payload.
+TEST(WriterExchanger, FixedRecordsMatchTheElementsEncoding) {
+  // The write reads as many bytes as the record's payload: a 4-byte value
+  // sits first in an 8-byte holder so the compiler sees no overread.
+  int32_t i32[2] = {-2, 0};
+  int64_t i64 = 0x0102030405060708LL;
+  TParamFixed wide, narrow, text, refused;
+  ASSERT_TRUE(ParamFixedMake(PP_INT64, "arc_prev_write", 8, &wide));
+  ASSERT_TRUE(ParamFixedMake(PP_INT32B, "w", 4, &narrow));
+  ASSERT_TRUE(ParamTextMake("type", &text));
+  EXPECT_FALSE(ParamFixedMake(PP_STRING, "s", 4, &refused));
+  EXPECT_FALSE(ParamFixedMake(PP_INT32, "w", 8, &refused));
+  EXPECT_FALSE(ParamFixedMake(PP_INT64, "a_name_too_long_for_the_fixed_record_xx", 8, &refused));
+  EXPECT_FALSE(ParamTextMake("a_name_far_too_long_for_the_fixed_record_head", &refused));
+  uint8_t out[128];
+  uint32_t n = ParamFixedWrite(&wide, &i64, out);
+  n += ParamFixedWrite(&narrow, i32, out + n);
+  n += ParamTextWrite(&text, "video", 5, out + n);
+  n += ParamTextWrite(&text, "", 0, out + n);
+  EXPECT_EQ(Encode({{PP_INT64, "arc_prev_write", &i64}, {PP_INT32B, "w", i32},
+                    {PP_STRING, "type", const_cast<char*>("video")}, {PP_STRING, "type", const_cast<char*>("")}}),
+            Bytes(out, out + n));
+}
+
 TEST(WriterExchanger, NestedListsEncodeWholeToTheirTerminator) {
   int32_t v = 5;
   ProfileParam inner[] = {{PP_INT32, "v", &v}, {PP_END, "after", &v}, {PP_INT32, "never", &v}};

@@ -236,6 +236,8 @@ TEST_F(WriterPipelineTest, FramesReachTheArchiveByteForByteInOrderWithEachMedium
                               Video(false, kT0 + 80000, 3, "p2"), Video(true, kT0 + 120000, 5, "key-frame-1"),
                               Video(false, kT0 + 160000, 6, "p3")};
   std::vector<Frame> audio = {Audio(kT0 + 10000, 1, "pcm-a"), Audio(kT0 + 30000, 2, "pcm-b")};
+  // A stream that changes its code and back: head and type byte follow each frame's code.
+  video[3].fcc = Fcc("ABCD");
   m_source.Send(video[0]);
   m_source.Send(audio[0]);
   m_source.Send(video[1]);
@@ -255,7 +257,7 @@ TEST_F(WriterPipelineTest, FramesReachTheArchiveByteForByteInOrderWithEachMedium
     number = video[i].key ? ((number + 1) & ~0xFFFu) + 0x1000 : number + 1;
     int64_t t = LocalTicks(video[i].time);
     EXPECT_EQ(t, v[i].time) << i;
-    EXPECT_EQ(video[i].key ? 35 : 33, v[i].type) << i;
+    EXPECT_EQ((video[i].key ? 2 : 0) | (video[i].fcc == Fcc("H264") ? 32 : 0) | 1, v[i].type) << i;
     EXPECT_EQ(ExpectedBlock(video[i], t, number), v[i].block) << i;
   }
   std::vector<Stored> a = Read("audio");
@@ -340,7 +342,9 @@ TEST_F(WriterPipelineTest, BadFramesAreDroppedAndStillAnswered) {
 // Elements the intake does not know go to the parameter section whole and
 // in order, whatever their type and however many a frame brings (a short
 // frame and one longer than the intake measures in one pass); the source's
-// own elements do not.
+// own elements do not. Known ones keep their records whatever their values:
+// a null index, a type text longer than the frame's type field before the
+// type that counts.
 TEST_F(WriterPipelineTest, EveryUnknownElementOfAFrameIsCarriedInOrder) {
   int32_t key = 1;
   ProfileBuffer data = {const_cast<char*>("kf"), 2};
@@ -353,12 +357,16 @@ TEST_F(WriterPipelineTest, EveryUnknownElementOfAFrameIsCarriedInOrder) {
   const int counts[] = {2, 40};
   int64_t times[] = {kT0, kT0 + 40000};
   std::vector<std::string> expected;
+  const std::string long_type(300, 'v');
   for (int n = 0; n < 2; n++) {
     std::vector<ProfileParam> f = {{PP_INT32, "need", &m_source.need}, {PP_BUFFER, "data", &data},
                                    {PP_INT32, "key", &key}, {PP_INT64, "time", &times[n]},
+                                   {PP_STRING, "type", const_cast<char*>(long_type.c_str())},
+                                   {PP_INT64, "index", nullptr},
                                    {PP_STRING, "type", const_cast<char*>("video")}, {PP_INT64, "nul", nullptr},
                                    {PP_BUFFER, "blob", &blob}, {PP_LIST, "tree", inner}};
     std::string params = Record(4, "key", I32(1)) + Record(5, "time", I64(times[n])) +
+                         Record(2, "type", I32(305) + long_type + '\0') + Record(5, "index", "") +
                          Record(2, "type", I32(10) + "video" + '\0') + Record(5, "nul", "") +
                          Record(8, "blob", "0123456789abc") + Record(1, "tree", Record(4, "in", I32(7)));
     for (int i = 0; i < counts[n]; i++) {
@@ -376,6 +384,43 @@ TEST_F(WriterPipelineTest, EveryUnknownElementOfAFrameIsCarriedInOrder) {
   std::vector<Stored> v = Read("video");
   ASSERT_EQ(2u, v.size());
   for (size_t n = 0; n < 2; n++) {
+    ASSERT_GE(v[n].block.size(), expected[n].size()) << n;
+    EXPECT_EQ(expected[n], v[n].block.substr(v[n].block.size() - expected[n].size())) << n;
+  }
+}
+
+// A stream that keeps its elements has its last section reused with the new
+// values; a frame that reorders, drops or nulls an element gets its own.
+TEST_F(WriterPipelineTest, EachFrameGetsTheSectionOfItsOwnElements) {
+  int32_t key = 1, width = 640, height = 480;
+  ProfileBuffer data = {const_cast<char*>("kf"), 2};
+  const int kFrames = 7;
+  int64_t times[kFrames], indexes[kFrames];
+  std::vector<std::string> expected;
+  for (int n = 0; n < kFrames; n++) {
+    times[n] = kT0 + n * 40000;
+    indexes[n] = 100 + n;
+    bool swapped = n == 2, no_type = n == 4, null_index = n == 6;
+    ProfileParam w = {PP_INT32, "width", &width}, h = {PP_INT32, "height", &height};
+    std::vector<ProfileParam> f = {{PP_INT32, "need", &m_source.need}, {PP_BUFFER, "data", &data},
+                                   {PP_INT32, "key", &key}, {PP_INT64, "time", &times[n]}};
+    f.push_back(swapped ? h : w);
+    f.push_back(swapped ? w : h);
+    f.push_back({PP_INT64, "index", null_index ? nullptr : &indexes[n]});
+    if (!no_type) f.push_back({PP_STRING, "type", const_cast<char*>("video")});
+    f.push_back({PP_END, nullptr, nullptr});
+    std::string rw = Record(4, "width", I32(width)), rh = Record(4, "height", I32(height));
+    std::string params = Record(4, "key", I32(1)) + Record(5, "time", I64(times[n])) + (swapped ? rh + rw : rw + rh) +
+                         Record(5, "index", null_index ? "" : I64(indexes[n])) +
+                         (no_type ? "" : Record(2, "type", I32(10) + "video" + '\0'));
+    m_source.SendRaw(f.data());
+    expected.push_back(Section(513, params + Record(5, "arc_prev_write", I64(0))));
+  }
+  ASSERT_TRUE(WaitWritten(kFrames));
+  CloseAll();
+  std::vector<Stored> v = Read("video");
+  ASSERT_EQ(static_cast<size_t>(kFrames), v.size());
+  for (int n = 0; n < kFrames; n++) {
     ASSERT_GE(v[n].block.size(), expected[n].size()) << n;
     EXPECT_EQ(expected[n], v[n].block.substr(v[n].block.size() - expected[n].size())) << n;
   }

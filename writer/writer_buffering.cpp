@@ -16,21 +16,32 @@
 
 namespace {
 
+// Whole-word loads and stores: every frame's tag is written once and read
+// at each drain, and the byte-by-byte form compiled into a shift per byte.
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+uint32_t Le(uint32_t ui_av) { return __builtin_bswap32(ui_av); }
+uint64_t Le(uint64_t ui64_av) { return __builtin_bswap64(ui64_av); }
+#else
+uint32_t Le(uint32_t ui_av) { return ui_av; }
+uint64_t Le(uint64_t ui64_av) { return ui64_av; }
+#endif
 void PutLe32(uint8_t* pb_av, uint32_t ui_av) {
-  for (int i_lv = 0; i_lv < 4; i_lv++) pb_av[i_lv] = static_cast<uint8_t>(ui_av >> (8 * i_lv));
+  ui_av = Le(ui_av);
+  memcpy(pb_av, &ui_av, 4);
 }
 void PutLe64(uint8_t* pb_av, uint64_t ui64_av) {
-  for (int i_lv = 0; i_lv < 8; i_lv++) pb_av[i_lv] = static_cast<uint8_t>(ui64_av >> (8 * i_lv));
+  ui64_av = Le(ui64_av);
+  memcpy(pb_av, &ui64_av, 8);
 }
 uint32_t GetLe32(const uint8_t* pb_av) {
   uint32_t ui_lv = 0;
-  for (int i_lv = 3; i_lv >= 0; i_lv--) ui_lv = ui_lv << 8 | pb_av[i_lv];
-  return ui_lv;
+  memcpy(&ui_lv, pb_av, 4);
+  return Le(ui_lv);
 }
 uint64_t GetLe64(const uint8_t* pb_av) {
   uint64_t ui64_lv = 0;
-  for (int i_lv = 7; i_lv >= 0; i_lv--) ui64_lv = ui64_lv << 8 | pb_av[i_lv];
-  return ui64_lv;
+  memcpy(&ui64_lv, pb_av, 8);
+  return Le(ui64_lv);
 }
 
 long long CameraId(const CWriteBuffering* p_av) {

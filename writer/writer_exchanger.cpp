@@ -141,8 +141,22 @@ uint64_t FrameBlockSize(int32_t i_key_av, uint32_t ui_data_av, uint32_t ui_extra
   return ui64_lv;
 }
 
+bool FccIsMpeg4(uint32_t ui_fcc_av) {
+  static const char* const S_CODES_LV[] = {"XVID", "DIVX", "xvid", "divx", "mp4v", "DX50", "H264", "h264"};
+  for (const char* s_lv : S_CODES_LV)
+    if (ui_fcc_av == Fcc(s_lv)) return true;
+  return false;
+}
+
 void FrameBlockWriteHead(uint8_t* pb_av, int32_t i_key_av, uint64_t ui64_local_time_av, uint32_t ui_frame_number_av,
                          int32_t i_width_av, int32_t i_height_av, uint32_t ui_fcc_av) {
+  FrameBlockWriteHeadCodec(pb_av, i_key_av, ui64_local_time_av, ui_frame_number_av, i_width_av, i_height_av, ui_fcc_av,
+                           i_key_av != 0 ? CodecNumberOfFcc(ui_fcc_av) : 0);
+}
+
+void FrameBlockWriteHeadCodec(uint8_t* pb_av, int32_t i_key_av, uint64_t ui64_local_time_av,
+                              uint32_t ui_frame_number_av, int32_t i_width_av, int32_t i_height_av, uint32_t ui_fcc_av,
+                              uint16_t ui_codec_av) {
   uint32_t ui_head_lv = FrameBlockHeadSize(i_key_av);
   memset(pb_av, 0, ui_head_lv);
   PutLe32(pb_av, ui_head_lv);
@@ -155,7 +169,7 @@ void FrameBlockWriteHead(uint8_t* pb_av, int32_t i_key_av, uint64_t ui64_local_t
   int16_t i_h16_lv = static_cast<int16_t>(i_height_av);
   uint32_t ui_product_lv = static_cast<uint32_t>(i_width_av) * static_cast<uint32_t>(static_cast<int32_t>(i_h16_lv)) * 12u;
   PutLe32(pb_av + 32, static_cast<uint32_t>(static_cast<int32_t>(ui_product_lv) / 8));
-  uint16_t ui_codec_lv = CodecNumberOfFcc(ui_fcc_av);
+  uint16_t ui_codec_lv = ui_codec_av;
   PutLe16(pb_av + 36, ui_codec_lv);
   PutLe16(pb_av + 38, static_cast<uint16_t>(i_height_av));
   PutLe16(pb_av + 40, static_cast<uint16_t>(i_width_av));
@@ -215,6 +229,42 @@ uint32_t WriteParamRecord(const ProfileParam* p_param_av, uint32_t ui_len_av, ui
   PutLe32(pb_av + ui_name_lv + 9, ui_len_av);
   if (ui_payload_lv > 0) memcpy(pb_av + ui_name_lv + 13, p_param_av->value, ui_payload_lv);
   return ui_len_av;
+}
+
+bool ParamFixedMake(uint32_t ui_type_av, const char* s_name_av, uint32_t ui_payload_av, TParamFixed* p_out_av) {
+  memset(p_out_av, 0, sizeof(*p_out_av));
+  uint8_t pb_zero_lv[8] = {};
+  ProfileParam param_lv = {ui_type_av, s_name_av, pb_zero_lv};
+  // Only the number types have a payload of their own fixed length.
+  uint64_t ui64_len_lv = ParamRecordLength(&param_lv);
+  if (ui64_len_lv != RecordLength(&param_lv, 0) || ui64_len_lv > UI_PARAM_FIXED_MAX ||
+      ui64_len_lv != NameLength(&param_lv) + 13 + ui_payload_av || (ui_payload_av != 4 && ui_payload_av != 8))
+    return false;
+  p_out_av->m_ui_length = WriteParamRecord(&param_lv, static_cast<uint32_t>(ui64_len_lv), p_out_av->m_pb_record);
+  p_out_av->m_ui_payload = ui_payload_av;
+  return true;
+}
+
+bool ParamTextMake(const char* s_name_av, TParamFixed* p_out_av) {
+  memset(p_out_av, 0, sizeof(*p_out_av));
+  uint32_t ui_name_lv = static_cast<uint32_t>(s_name_av != nullptr ? strnlen(s_name_av, UI_PARAM_FIXED_MAX) : 0);
+  if (ui_name_lv + 13 > UI_PARAM_FIXED_MAX) return false;
+  PutLe32(p_out_av->m_pb_record, PP_STRING);
+  PutLe32(p_out_av->m_pb_record + 4, ui_name_lv + 5);
+  if (ui_name_lv > 0) memcpy(p_out_av->m_pb_record + 8, s_name_av, ui_name_lv);
+  p_out_av->m_ui_length = ui_name_lv + 13;  // the record's length goes in its last 4 bytes with each text
+  return true;
+}
+
+uint32_t ParamTextWrite(const TParamFixed* p_av, const char* s_text_av, uint32_t ui_text_av, uint8_t* pb_av) {
+  uint32_t ui_head_lv = p_av->m_ui_length;
+  uint32_t ui_len_lv = ParamTextLength(p_av, ui_text_av);
+  memcpy(pb_av, p_av->m_pb_record, ui_head_lv);
+  PutLe32(pb_av + ui_head_lv - 4, ui_len_lv);
+  PutLe32(pb_av + ui_head_lv, ui_text_av + 5);
+  memcpy(pb_av + ui_head_lv + 4, s_text_av, ui_text_av);
+  pb_av[ui_head_lv + 4 + ui_text_av] = 0;
+  return ui_len_lv;
 }
 
 int32_t EncodeParam(const ProfileParam* p_param_av, uint8_t** ppb_buf_av, uint32_t* p_capacity_av,

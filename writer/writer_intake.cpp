@@ -49,7 +49,7 @@ bool Is(const ProfileParam* p_av, const char* s_name_av, uint32_t ui_type_av) {
 // against each known name in turn.
 enum TFrameField {
   FF_OTHER, FF_NEED, FF_DATA, FF_EXTRA, FF_WIDTH, FF_HEIGHT, FF_FCC, FF_INDEX, FF_KEY, FF_TIME, FF_TYPE,
-  FF_GET, FF_PARENT, FF_ERROR, FF_VIRTUAL, FF_NEAREST, FF_TYPES_DESCR
+  FF_GET, FF_PARENT, FF_ERROR, FF_VIRTUAL, FF_NEAREST, FF_TYPES_DESCR, FF_COUNT
 };
 
 // A name against a known text whose first letter FieldOf's switch has
@@ -99,11 +99,19 @@ __attribute__((always_inline)) inline TFrameField FieldOf(const ProfileParam* p_
   }
 }
 
-// Copies a text into a field of ui_size_av bytes, cut to fit.
-void CopyCut(char* s_out_av, size_t ui_size_av, const char* s_in_av) {
+// Every element of every message is asked this.
+bool IsFrameList(const ProfileParam* p_av) {
+  const char* s_lv = Name(p_av);
+  return p_av->type == PP_LIST && s_lv[0] == 'f' && NameIs(s_lv, "frame");
+}
+
+// Copies a text into a field of ui_size_av bytes, cut to fit; returns the
+// characters copied.
+size_t CopyCut(char* s_out_av, size_t ui_size_av, const char* s_in_av) {
   size_t ui_len_lv = strnlen(s_in_av, ui_size_av - 1);
   memcpy(s_out_av, s_in_av, ui_len_lv);
   s_out_av[ui_len_lv] = 0;
+  return ui_len_lv;
 }
 
 uint32_t Fcc(const char* s_av) {
@@ -146,7 +154,9 @@ void UtcText(int64_t i64_micros_av, char* s_out_av) {
 
 // Elements whose kind the walk keeps for the parameter section; a longer
 // list has the rest looked up again.
-const int32_t I_FIELDS_KEPT = 32;
+const int32_t I_FIELDS_KEPT = I_PARAM_LAYOUT_ELEMENTS;
+
+const uint32_t UI_TYPE_LEN_UNKNOWN = 0xFFFFFFFFu;
 
 // What the walk of one "frame" list found besides the channel's members.
 struct TFrameRead {
@@ -154,6 +164,8 @@ struct TFrameRead {
   int64_t m_i64_index;
   int64_t m_i64_time;
   int32_t m_i_count;
+  const ProfileParam* m_p_type;  // the last "type" element and its text's whole length,
+  uint32_t m_ui_type_len;        // UI_TYPE_LEN_UNKNOWN when the copy cut it
   bool m_b_ok;
   bool m_b_bad;
   uint8_t m_ui_fields[I_FIELDS_KEPT];  // TFrameField of each element, by position
@@ -190,8 +202,8 @@ void ReadBuffer(const ProfileParam* p_av, const void** pp_out_av, uint32_t* p_si
 
 // One element of the "frame" list; false when its name and type are not
 // among those the frame is made of.
-bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameField field_lv, TFrameRead* p_rd_av) {
-  long long i64_cam_lv = static_cast<long long>(InfoCamId(p_av->m_camera_info_w));
+bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameField field_lv, TFrameRead* p_rd_av,
+               long long i64_cam_lv) {
   switch (field_lv) {
     case FF_NEED:
       p_rd_av->m_p_need = static_cast<int32_t*>(p_el_av->value);
@@ -249,7 +261,10 @@ bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameField field_lv,
     case FF_TYPE:
       if (p_el_av->value != nullptr) {
         // A longer text than the field holds is cut.
-        CopyCut(p_av->m_s_frame_type, UI_FRAME_TYPE_TEXT, static_cast<const char*>(p_el_av->value));
+        size_t ui_len_lv = CopyCut(p_av->m_s_frame_type, UI_FRAME_TYPE_TEXT, static_cast<const char*>(p_el_av->value));
+        p_rd_av->m_p_type = p_el_av;
+        p_rd_av->m_ui_type_len =
+            ui_len_lv < UI_FRAME_TYPE_TEXT - 1 ? static_cast<uint32_t>(ui_len_lv) : UI_TYPE_LEN_UNKNOWN;
         TRACE44(TLOG_ARC_TRACE, "<%lld>on frame type %s ", i64_cam_lv, p_av->m_s_frame_type);
       }
       return true;
@@ -261,15 +276,15 @@ bool ReadKnown(CWriter* p_av, const ProfileParam* p_el_av, TFrameField field_lv,
   }
 }
 
-void WalkFrame(CWriter* p_av, ProfileParam* p_frame_av, TFrameRead* p_rd_av) {
+// Once the frame is spoilt the rest of its elements are not looked at.
+void WalkFrame(CWriter* p_av, ProfileParam* p_frame_av, TFrameRead* p_rd_av, long long i64_cam_av) {
   int32_t i_pos_lv = 0;
-  for (const ProfileParam* p_lv = p_frame_av; p_lv->type != PP_END; p_lv++, i_pos_lv++) {
-    if (!p_rd_av->m_b_ok) continue;
+  for (const ProfileParam* p_lv = p_frame_av; p_lv->type != PP_END && p_rd_av->m_b_ok; p_lv++, i_pos_lv++) {
     TFrameField field_lv = FieldOf(p_lv);
     if (i_pos_lv < I_FIELDS_KEPT) p_rd_av->m_ui_fields[i_pos_lv] = static_cast<uint8_t>(field_lv);
-    ReadKnown(p_av, p_lv, field_lv, p_rd_av);
-    p_rd_av->m_i_count++;
+    ReadKnown(p_av, p_lv, field_lv, p_rd_av, i64_cam_av);
   }
+  p_rd_av->m_i_count = i_pos_lv;
 }
 
 // Data present, the channel's medium, key-only. False drops the frame.
@@ -284,7 +299,12 @@ bool CheckMedium(CWriter* p_av) {
     FCCToDataType(p_av->m_ui_fcc, p_av->m_s_frame_type);
     TRACE44(TLOG_ARC_TRACE, "<%lld>on frame after FCCToDataType type %s ", i64_cam_lv, p_av->m_s_frame_type);
   }
-  if (p_av->m_s_frame_type[0] != 0 && strcmp(p_av->m_s_frame_type, TypeText(p_av)) != 0) return false;
+  // Both channels of a camera hear every frame: the other medium's differs
+  // at its first letter already.
+  const char* s_type_lv = TypeText(p_av);
+  if (p_av->m_s_frame_type[0] != 0 &&
+      (p_av->m_s_frame_type[0] != s_type_lv[0] || strcmp(p_av->m_s_frame_type, s_type_lv) != 0))
+    return false;
   // A video channel takes a frame of unknown medium; an audio one does not.
   if (WriterIsAudio(p_av) && p_av->m_s_frame_type[0] == 0) return false;
   if (AtomicGet(&p_av->m_b_only_key_frame) != 0 && p_av->m_i_key == 0) return false;
@@ -352,10 +372,11 @@ void LogTimes(CWriter* p_av, int64_t i64_orig_av, int64_t i64_now_av) {
 void LogIndexGap(CWriter* p_av, int64_t i64_index_av) {
   int64_t* p_prev_lv = &p_av->m_i64_prev_index;
   int i_kind_lv = 0;
-  if (strcmp(p_av->m_s_frame_type, "audio") == 0) {
+  const char* s_type_lv = p_av->m_s_frame_type;
+  if (s_type_lv[0] == 'a' && strcmp(s_type_lv, "audio") == 0) {
     p_prev_lv = &p_av->m_i64_prev_audio_index;
     i_kind_lv = 1;
-  } else if (strcmp(p_av->m_s_frame_type, "video") == 0) {
+  } else if (s_type_lv[0] == 'v' && strcmp(s_type_lv, "video") == 0) {
     p_prev_lv = &p_av->m_i64_prev_video_index;
     i_kind_lv = 2;
   }
@@ -396,14 +417,60 @@ bool CarriedAsParam(TFrameField field_av) {
 }
 
 // The elements of a list chosen for the parameter section, each with its
-// record length, measured once for the size and the write.
+// record length, measured once for the size and the write, and the fixed
+// record of a known number element.
 const int32_t I_PLAN_MAX = 32;
 struct TParamPlan {
   const ProfileParam* m_p_params[I_PLAN_MAX];
+  const TParamFixed* m_p_fixed[I_PLAN_MAX];  // null: the record is measured and written from the element
   uint32_t m_ui_lengths[I_PLAN_MAX];
+  uint32_t m_ui_value_at[I_PLAN_MAX];  // where EncodePlan put each fixed record's value
   int32_t m_i_count;
   bool m_b_whole;  // false: more elements than the plan holds
 };
+
+// The records of the number elements every frame brings, and of the
+// channel's own "arc_prev_write": the same names and types frame after
+// frame, so only their values are new.
+struct TKnownRecords {
+  TKnownRecords() {
+    ParamFixedMake(PP_INT32, "width", 4, &m_width);
+    ParamFixedMake(PP_INT32, "height", 4, &m_height);
+    ParamFixedMake(PP_INT32, "fcc", 4, &m_fcc);
+    ParamFixedMake(PP_INT64, "index", 8, &m_index);
+    ParamFixedMake(PP_INT32, "key", 4, &m_key);
+    ParamFixedMake(PP_INT64, "time", 8, &m_time);
+    ParamFixedMake(PP_INT64, "arc_prev_write", 8, &m_prev_write);
+    ParamTextMake("type", &m_type);
+    m_p_by_field[FF_WIDTH] = &m_width;
+    m_p_by_field[FF_HEIGHT] = &m_height;
+    m_p_by_field[FF_FCC] = &m_fcc;
+    m_p_by_field[FF_INDEX] = &m_index;
+    m_p_by_field[FF_KEY] = &m_key;
+    m_p_by_field[FF_TIME] = &m_time;
+  }
+  TParamFixed m_width, m_height, m_fcc, m_index, m_key, m_time, m_prev_write;
+  TParamFixed m_type;  // a text: its head only
+  const TParamFixed* m_p_by_field[FF_COUNT] = {};  // the number elements' records by their kind
+};
+const TKnownRecords g_known_records;
+
+// The walk has matched the element's name and type already; a null value
+// is measured the long way (its record has no payload).
+const TParamFixed* FixedRecordOf(TFrameField field_av, const ProfileParam* p_av) {
+  return p_av->value != nullptr ? g_known_records.m_p_by_field[field_av] : nullptr;
+}
+
+// The fixed record of a carried element of a frame; null for one measured
+// the long way. The type text's record is fixed when the walk measured the
+// text whole as it took the frame's type from this element.
+const TParamFixed* FixedOrTextRecordOf(TFrameField field_av, const ProfileParam* p_av, const TFrameRead* p_rd_av) {
+  const TParamFixed* p_fixed_lv = FixedRecordOf(field_av, p_av);
+  if (p_fixed_lv == nullptr && p_rd_av != nullptr && p_av == p_rd_av->m_p_type &&
+      p_rd_av->m_ui_type_len != UI_TYPE_LEN_UNKNOWN)
+    p_fixed_lv = &g_known_records.m_type;
+  return p_fixed_lv;
+}
 
 // The kind of the element at a position: as the walk kept it, or looked up
 // anew beyond what it keeps (the local list has no walk).
@@ -412,20 +479,33 @@ TFrameField FieldAt(const TFrameRead* p_rd_av, int32_t i_pos_av, const ProfilePa
   return FieldOf(p_av);
 }
 
+void PlanAdd(TParamPlan* p_plan_av, const ProfileParam* p_av, const TParamFixed* p_fixed_av, uint64_t ui64_len_av) {
+  if (p_plan_av->m_i_count == I_PLAN_MAX) {
+    p_plan_av->m_b_whole = false;
+    return;
+  }
+  p_plan_av->m_p_params[p_plan_av->m_i_count] = p_av;
+  p_plan_av->m_p_fixed[p_plan_av->m_i_count] = p_fixed_av;
+  p_plan_av->m_ui_lengths[p_plan_av->m_i_count] = static_cast<uint32_t>(ui64_len_av);
+  p_plan_av->m_i_count++;
+}
+
 uint64_t ParamsSize(const ProfileParam* p_list_av, const TFrameRead* p_rd_av, TParamPlan* p_plan_av) {
   uint64_t ui64_lv = 0;
   int32_t i_pos_lv = 0;
   for (const ProfileParam* p_lv = p_list_av; p_lv->type != PP_END; p_lv++, i_pos_lv++) {
-    if (!CarriedAsParam(FieldAt(p_rd_av, i_pos_lv, p_lv))) continue;
-    uint64_t ui64_len_lv = ParamRecordLength(p_lv);
+    TFrameField field_lv = FieldAt(p_rd_av, i_pos_lv, p_lv);
+    if (!CarriedAsParam(field_lv)) continue;
+    const TParamFixed* p_fixed_lv = FixedOrTextRecordOf(field_lv, p_lv, p_rd_av);
+    uint64_t ui64_len_lv = 0;
+    if (p_fixed_lv == nullptr)
+      ui64_len_lv = ParamRecordLength(p_lv);
+    else if (p_fixed_lv->m_ui_payload == 0)  // the walk measured the text when it took the frame's type
+      ui64_len_lv = ParamTextLength(p_fixed_lv, p_rd_av->m_ui_type_len);
+    else
+      ui64_len_lv = p_fixed_lv->m_ui_length;
     ui64_lv += ui64_len_lv;
-    if (p_plan_av->m_i_count == I_PLAN_MAX) {
-      p_plan_av->m_b_whole = false;
-      continue;
-    }
-    p_plan_av->m_p_params[p_plan_av->m_i_count] = p_lv;
-    p_plan_av->m_ui_lengths[p_plan_av->m_i_count] = static_cast<uint32_t>(ui64_len_lv);
-    p_plan_av->m_i_count++;
+    PlanAdd(p_plan_av, p_lv, p_fixed_lv, ui64_len_lv);
   }
   return ui64_lv;
 }
@@ -440,18 +520,80 @@ void EncodeList(CWriter* p_av, const ProfileParam* p_list_av, const TFrameRead* 
 // The measured records, written one after the other. A record that cannot
 // be encoded, or a buffer that could not grow, goes through EncodeParam,
 // which says why.
-void EncodePlan(CWriter* p_av, const TParamPlan* p_plan_av, int32_t i_from_av, int32_t i_to_av) {
+// False when a record went through EncodeParam.
+bool EncodePlan(CWriter* p_av, TParamPlan* p_plan_av, int32_t i_from_av, int32_t i_to_av) {
+  bool b_all_lv = true;
   for (int32_t i_lv = i_from_av; i_lv < i_to_av; i_lv++) {
     uint32_t ui_len_lv = p_plan_av->m_ui_lengths[i_lv];
     uint64_t ui64_end_lv = static_cast<uint64_t>(p_av->m_ui_params_size) + ui_len_lv;
     if (ui_len_lv == 0 || ui64_end_lv > p_av->m_ui_params_capacity) {
       EncodeParam(p_plan_av->m_p_params[i_lv], &p_av->m_pb_params, &p_av->m_ui_params_capacity,
                   &p_av->m_ui_params_size);
+      b_all_lv = false;
       continue;
     }
-    p_av->m_ui_params_size +=
-        WriteParamRecord(p_plan_av->m_p_params[i_lv], ui_len_lv, p_av->m_pb_params + p_av->m_ui_params_size);
+    uint8_t* pb_lv = p_av->m_pb_params + p_av->m_ui_params_size;
+    const TParamFixed* p_fixed_lv = p_plan_av->m_p_fixed[i_lv];
+    const void* p_value_lv = p_plan_av->m_p_params[i_lv]->value;
+    if (p_fixed_lv == nullptr) {
+      p_av->m_ui_params_size += WriteParamRecord(p_plan_av->m_p_params[i_lv], ui_len_lv, pb_lv);
+    } else if (p_fixed_lv->m_ui_payload == 0) {  // the type text, its length in the plan
+      p_plan_av->m_ui_value_at[i_lv] = p_av->m_ui_params_size + p_fixed_lv->m_ui_length + 4;
+      p_av->m_ui_params_size += ParamTextWrite(p_fixed_lv, static_cast<const char*>(p_value_lv),
+                                               ui_len_lv - ParamTextLength(p_fixed_lv, 0), pb_lv);
+    } else {
+      p_plan_av->m_ui_value_at[i_lv] = p_av->m_ui_params_size + p_fixed_lv->m_ui_length - p_fixed_lv->m_ui_payload;
+      p_av->m_ui_params_size += ParamFixedWrite(p_fixed_lv, p_value_lv, pb_lv);
+    }
   }
+  return b_all_lv;
+}
+
+// Puts the frame's values into the channel's last section when the frame
+// has the same elements, of the same kinds, as the frame that made it:
+// its records are then the same ones. False otherwise, and the section is
+// encoded whole (what was put in place is overwritten).
+bool PatchLayout(CWriter* p_av, const ProfileParam* p_frame_av, const TFrameRead* p_rd_av) {
+  const TParamLayout* p_lay_lv = &p_av->m_param_layout;
+  if (p_lay_lv->m_i_count < 0 || p_av->m_pb_params == nullptr || p_av->m_ui_params_capacity < p_lay_lv->m_ui_size ||
+      p_rd_av->m_i_count != p_lay_lv->m_i_elements ||
+      memcmp(p_rd_av->m_ui_fields, p_lay_lv->m_ui_fields, sizeof(p_lay_lv->m_ui_fields)) != 0)
+    return false;
+  for (int32_t i_rec_lv = 0; i_rec_lv < p_lay_lv->m_i_count; i_rec_lv++) {
+    const ProfileParam* p_lv = p_frame_av + p_lay_lv->m_ui_pos[i_rec_lv];
+    if (p_lv->value == nullptr) return false;  // a null index has a record of its own form
+    uint8_t* pb_lv = p_av->m_pb_params + p_lay_lv->m_ui_value_at[i_rec_lv];
+    if (p_lay_lv->m_ui_payload[i_rec_lv] == 8) {
+      memcpy(pb_lv, p_lv->value, 8);
+    } else if (p_lay_lv->m_ui_payload[i_rec_lv] == 4) {
+      memcpy(pb_lv, p_lv->value, 4);
+    } else {
+      if (p_lv != p_rd_av->m_p_type || p_rd_av->m_ui_type_len != p_lay_lv->m_ui_type_len) return false;
+      memcpy(pb_lv, p_lv->value, p_rd_av->m_ui_type_len);
+    }
+  }
+  p_av->m_ui_params_size = p_lay_lv->m_ui_size;
+  return true;
+}
+
+// Keeps where the section's records lie when every record of the frame has
+// a fixed form and was written in place.
+void KeepLayout(CWriter* p_av, const TParamPlan* p_plan_av, int32_t i_frame_count_av, const ProfileParam* p_frame_av,
+                const TFrameRead* p_rd_av) {
+  TParamLayout* p_lay_lv = &p_av->m_param_layout;
+  if (i_frame_count_av > I_PARAM_LAYOUT_MAX || p_rd_av->m_i_count > I_PARAM_LAYOUT_ELEMENTS) return;
+  for (int32_t i_lv = 0; i_lv < i_frame_count_av; i_lv++) {
+    const TParamFixed* p_fixed_lv = p_plan_av->m_p_fixed[i_lv];
+    if (p_fixed_lv == nullptr) return;
+    p_lay_lv->m_ui_pos[i_lv] = static_cast<uint8_t>(p_plan_av->m_p_params[i_lv] - p_frame_av);
+    p_lay_lv->m_ui_payload[i_lv] = static_cast<uint8_t>(p_fixed_lv->m_ui_payload);
+    p_lay_lv->m_ui_value_at[i_lv] = p_plan_av->m_ui_value_at[i_lv];
+  }
+  memcpy(p_lay_lv->m_ui_fields, p_rd_av->m_ui_fields, sizeof(p_lay_lv->m_ui_fields));
+  p_lay_lv->m_i_elements = p_rd_av->m_i_count;
+  p_lay_lv->m_ui_type_len = p_rd_av->m_ui_type_len;
+  p_lay_lv->m_ui_size = p_av->m_ui_params_size;
+  p_lay_lv->m_i_count = i_frame_count_av;
 }
 
 // The frame's other elements and the local list, encoded for the
@@ -464,10 +606,20 @@ void EncodeFrameParams(CWriter* p_av, const ProfileParam* p_frame_av, const TFra
   plan_lv.m_b_whole = true;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20124, 4);
   p_av->m_ui_params_size = 0;
+  if (p_frame_av != nullptr && PatchLayout(p_av, p_frame_av, p_rd_av)) {
+    Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20125, 5);
+    Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20126, 6);
+    Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20127, 7);
+    Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20128, 8);
+    return;  // the local records are constant: they stand as they were written
+  }
+  p_av->m_ui_params_size = 0;
+  p_av->m_param_layout.m_i_count = -1;
   uint64_t ui64_size_lv = p_frame_av != nullptr ? ParamsSize(p_frame_av, p_rd_av, &plan_lv) : 0;
   int32_t i_frame_count_lv = plan_lv.m_i_count;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20125, 5);
-  ui64_size_lv += ParamsSize(local_lv, nullptr, &plan_lv);
+  ui64_size_lv += g_known_records.m_prev_write.m_ui_length;
+  PlanAdd(&plan_lv, &local_lv[0], &g_known_records.m_prev_write, g_known_records.m_prev_write.m_ui_length);
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20126, 6);
   if (ui64_size_lv <= 0x7FFFFFFFu && p_av->m_ui_params_capacity < ui64_size_lv) {
     uint8_t* pb_lv = p_av->m_pb_params;
@@ -485,9 +637,10 @@ void EncodeFrameParams(CWriter* p_av, const ProfileParam* p_frame_av, const TFra
     EncodeList(p_av, local_lv, nullptr);
     return;
   }
-  EncodePlan(p_av, &plan_lv, 0, i_frame_count_lv);
+  bool b_in_place_lv = EncodePlan(p_av, &plan_lv, 0, i_frame_count_lv);
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20128, 8);
-  EncodePlan(p_av, &plan_lv, i_frame_count_lv, plan_lv.m_i_count);
+  b_in_place_lv = EncodePlan(p_av, &plan_lv, i_frame_count_lv, plan_lv.m_i_count) && b_in_place_lv;
+  if (b_in_place_lv && p_frame_av != nullptr) KeepLayout(p_av, &plan_lv, i_frame_count_lv, p_frame_av, p_rd_av);
 }
 
 // Nothing goes to the archive before the first key frame of the channel or
@@ -516,8 +669,9 @@ void LogAdmitted(CWriter* p_av) {
 }
 
 // Checks from the walk to the index gaps; true when the frame goes on.
-bool CheckFrame(CWriter* p_av, ProfileParam* p_frame_av, TFrameRead* p_rd_av, int64_t i64_now_av) {
-  if (p_frame_av != nullptr) WalkFrame(p_av, p_frame_av, p_rd_av);
+bool CheckFrame(CWriter* p_av, ProfileParam* p_frame_av, TFrameRead* p_rd_av, int64_t i64_now_av,
+                long long i64_cam_av) {
+  if (p_frame_av != nullptr) WalkFrame(p_av, p_frame_av, p_rd_av, i64_cam_av);
   if (p_rd_av->m_b_bad) TRACE45(TLOG_ARC, TSEV_FAULT, "<error>data not correct");
   if (!p_rd_av->m_b_ok || !CheckMedium(p_av)) return false;
   int64_t i64_orig_lv = p_rd_av->m_i64_time;
@@ -585,11 +739,11 @@ void on_frame_level1(CWriter* p_av, ProfileParam* p_frame_av, TWaitStat* p_wd_av
   if (b_need_lv == 1 && p_av->m_b_need_prev == 0) p_av->m_b_key_since_need = 0;
   p_av->m_b_need_prev = b_need_lv;
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20122, 2);
-  TFrameRead rd_lv = {nullptr, 0, 0, 0, true, false, {}};
+  TFrameRead rd_lv = {nullptr, 0, 0, 0, nullptr, UI_TYPE_LEN_UNKNOWN, true, false, {}};
   bool b_ok_lv = false;
   if (b_need_lv == 1) {
     p_av->m_ui_params_size = 0;
-    b_ok_lv = CheckFrame(p_av, p_frame_av, &rd_lv, i64_now_lv);
+    b_ok_lv = CheckFrame(p_av, p_frame_av, &rd_lv, i64_now_lv, i64_cam_lv);
   }
   Mark(p_wd_av, WAIT_GROUP_ON_FRAME, 20123, 3);
   if (b_ok_lv) {
@@ -653,6 +807,7 @@ int32_t FillBuff(CWriter* p_av, int32_t i_slot_av) {
   uint8_t* pb_lv = GetDataBuff(p_buff_lv);
   p_av->m_pb_frame_block = pb_lv;
   int64_t i64_local_lv = FrameLocalTicks(p_av->m_i64_time);
+  p_av->m_i64_block_local_time = i64_local_lv;
   uint32_t ui_number_lv = NextFrameNumber(p_av);
   if (LogTraceWanted(TLOG_ARC_TRACE)) {
     char s_time_lv[FILE_TIME_TEXT_SIZE];
@@ -661,8 +816,9 @@ int32_t FillBuff(CWriter* p_av, int32_t i_slot_av) {
             static_cast<long long>(i64_local_lv), s_time_lv);
   }
   StableMark(i_slot_av, 22011);
-  FrameBlockWriteHead(pb_lv, p_av->m_i_key, static_cast<uint64_t>(i64_local_lv), ui_number_lv, p_av->m_i_width,
-                      p_av->m_i_height, p_av->m_ui_fcc);
+  uint16_t ui_codec_lv = p_av->m_i_key != 0 ? FccFactsOf(&p_av->m_fcc_facts, p_av->m_ui_fcc).m_ui_codec : 0;
+  FrameBlockWriteHeadCodec(pb_lv, p_av->m_i_key, static_cast<uint64_t>(i64_local_lv), ui_number_lv, p_av->m_i_width,
+                           p_av->m_i_height, p_av->m_ui_fcc, ui_codec_lv);
   uint32_t ui_pos_lv = ui_head_lv;
   ui_pos_lv += FrameBlockPutSection(pb_lv + ui_pos_lv, UI_SECTION_DATA, p_av->m_p_data, p_av->m_ui_data_size);
   StableMark(i_slot_av, 22021);
@@ -691,7 +847,7 @@ void on_frame(void* p_user_av, ProfileParam* p_params_av) {
   Mark(p_wd_lv, WAIT_GROUP_FRAME_STAT, 20141, 1);
   if (p_params_av != nullptr)
     for (ProfileParam* p_lv = p_params_av; p_lv->type != PP_END; p_lv++)
-      if (Is(p_lv, "frame", PP_LIST)) on_frame_level1(p_av, static_cast<ProfileParam*>(p_lv->value), p_wd_lv);
+      if (IsFrameList(p_lv)) on_frame_level1(p_av, static_cast<ProfileParam*>(p_lv->value), p_wd_lv);
   int64_t i64_now_lv = FileTimeNowLocalI64();
   if (i64_now_lv > p_av->m_i64_last_stat_print + I64_STAT_PRINT_PERIOD) {
     WaitStatPrint(p_wd_lv, 1, InfoCamId(p_av->m_camera_info_w), p_av->m_i64_type_id);

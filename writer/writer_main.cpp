@@ -232,7 +232,10 @@ CWriter::CWriter()
       m_s_text(),
       m_status(),
       m_b_only_key_frame(0),
-      m_i64_type_id(0) {
+      m_i64_type_id(0),
+      m_i64_block_local_time(0),
+      m_fcc_facts(),
+      m_param_layout() {
   m_by_event.m_p_writer = this;
   SAFE_MEM_ALLOCB5(m_p_frame_stat, static_cast<int32_t>(sizeof(TWaitStat)), I_SIGN_WRITER);
   if (m_p_frame_stat != nullptr) {

@@ -12,7 +12,9 @@
 #include "platform/pl_sync.h"
 #include "writer/writer_buffering.h"
 #include "writer/writer_by_event.h"
+#include "writer/writer_exchanger.h"
 #include "writer/writer_inform.h"
+#include "writer/writer_intake.h"
 #include "writer/writer_schedule.h"
 
 class CWriter;
@@ -147,6 +149,12 @@ class CWriter final {
   int32_t m_b_only_key_frame;
   int64_t m_i64_type_id;
   SafeString m_s_type;
+  // Kept by the frame path so that a frame's values are worked out once:
+  // the local time FillBuff wrote into the block's head, for WriteData, and
+  // what the channel's last four-character code stands for.
+  int64_t m_i64_block_local_time;
+  TFccFacts m_fcc_facts;
+  TParamLayout m_param_layout;
 };
 
 // Video first, audio second, in one allocation.

@@ -23,19 +23,6 @@ namespace {
 // Microseconds from the file-time epoch to 1970.
 const uint64_t UI64_EPOCH_MICROS = 0x295E9648864000ULL;
 
-uint32_t Fcc(const char* s_av) {
-  return static_cast<uint32_t>(static_cast<uint8_t>(s_av[0])) | static_cast<uint32_t>(static_cast<uint8_t>(s_av[1])) << 8 |
-         static_cast<uint32_t>(static_cast<uint8_t>(s_av[2])) << 16 |
-         static_cast<uint32_t>(static_cast<uint8_t>(s_av[3])) << 24;
-}
-
-bool IsMpeg4Type(uint32_t ui_fcc_av) {
-  static const char* const S_CODES_LV[] = {"XVID", "DIVX", "xvid", "divx", "mp4v", "DX50", "H264", "h264"};
-  for (const char* s_lv : S_CODES_LV)
-    if (ui_fcc_av == Fcc(s_lv)) return true;
-  return false;
-}
-
 CWriterGlobal* Global() { return g_p_writer_global; }
 
 // Overload report down after a quiet spell; checked only by good frames.
@@ -123,11 +110,11 @@ int32_t MediaCode(const TCameraInfoW* p_av, int32_t i_video_av, int32_t i_audio_
   return WriterIsAudio(p_av->m_p_writer) ? i_audio_av : i_video_av;
 }
 
-uint8_t FrameTypeByte(int32_t i_key_av, uint32_t ui_fcc_av, const char* s_frame_type_av) {
+uint8_t FrameTypeByte(int32_t i_key_av, bool b_mpeg4_av, const char* s_frame_type_av) {
   uint8_t ui_lv = UI_FRAME_TYPE_ANY;
   if (i_key_av != 0) ui_lv |= UI_FRAME_TYPE_KEY;
-  if (IsMpeg4Type(ui_fcc_av)) ui_lv |= UI_FRAME_TYPE_MPEG4;
-  if (strcmp(s_frame_type_av, "audio") == 0) ui_lv |= UI_FRAME_TYPE_AUDIO;
+  if (b_mpeg4_av) ui_lv |= UI_FRAME_TYPE_MPEG4;
+  if (s_frame_type_av[0] == 'a' && strcmp(s_frame_type_av, "audio") == 0) ui_lv |= UI_FRAME_TYPE_AUDIO;
   return ui_lv;
 }
 
@@ -155,7 +142,8 @@ int32_t TryWriteData(TCameraInfoW* p_av, int32_t i_slot_av) {
 int32_t WriteData(TCameraInfoW* p_av, int32_t i_slot_av) {
   StableMark(i_slot_av, 21890);
   CWriter* p_writer_lv = p_av->m_p_writer;
-  int64_t i64_time_lv = FrameLocalTicks(p_writer_lv->m_i64_time);
+  // The local time FillBuff worked out for this frame's block.
+  int64_t i64_time_lv = p_writer_lv->m_i64_block_local_time;
   if (LogTraceWanted(TLOG_ARC_TRACE)) {
     char s_time_lv[FILE_TIME_TEXT_SIZE];
     FileTimeToText(static_cast<uint64_t>(i64_time_lv), s_time_lv);
@@ -172,7 +160,8 @@ int32_t WriteData(TCameraInfoW* p_av, int32_t i_slot_av) {
     i_error_lv = I_WR_STATUS_BAD_PARAM;
     TRACE45(TLOG_ARC, TSEV_FAULT, "<error>Writer Error: bad write param");
   } else {
-    uint8_t ui_type_lv = FrameTypeByte(p_writer_lv->m_i_key, p_writer_lv->m_ui_fcc, p_writer_lv->m_s_frame_type);
+    const TFccFacts& facts_lv = FccFactsOf(&p_writer_lv->m_fcc_facts, p_writer_lv->m_ui_fcc);
+    uint8_t ui_type_lv = FrameTypeByte(p_writer_lv->m_i_key, facts_lv.m_b_mpeg4, p_writer_lv->m_s_frame_type);
     StableMark(i_slot_av, 21891);
     PutToBuffers(p_av->m_p_write_buffering, p_writer_lv->m_ui_frame_block_size, ui_type_lv, i64_time_lv);
   }

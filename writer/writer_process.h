@@ -45,7 +45,8 @@ int32_t CloseWriteHandle(TCameraInfoW* p_av);
 
 // The archive's code for the channel's medium: the video or the audio one.
 int32_t MediaCode(const TCameraInfoW* p_av, int32_t i_video_av, int32_t i_audio_av);
-// The frame type byte of the channel's current frame.
-uint8_t FrameTypeByte(int32_t i_key_av, uint32_t ui_fcc_av, const char* s_frame_type_av);
+// The frame type byte of the channel's current frame; b_mpeg4_av tells
+// whether its code is of the MPEG-4 family (FccIsMpeg4).
+uint8_t FrameTypeByte(int32_t i_key_av, bool b_mpeg4_av, const char* s_frame_type_av);
 // A frame time (microseconds since 1970 UTC) as local file-time ticks.
 int64_t FrameLocalTicks(int64_t i64_micros_av);

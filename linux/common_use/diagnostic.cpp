@@ -175,6 +175,12 @@ bool SpeedTableEntry(TSpeedStat* p_stat_av, const TSpeedSiteInfo* p_entry_av, co
   return b_slow_lv;
 }
 
+// The local time now, down to the start of its period.
+int64_t SlotTimeNow(int64_t i64_period_av) {
+  int64_t i64_now_lv = static_cast<int64_t>(FileTimeNowLocal());
+  return i64_now_lv / i64_period_av * i64_period_av;
+}
+
 }  // namespace
 
 TSpeedStat::TSpeedStat()
@@ -202,17 +208,18 @@ void SpeedAdd(TSpeedStat* p_stat_av, int64_t i64_counter_start_av, uint32_t ui_s
   if (p_site_lv == nullptr) return;
   int64_t i64_period_lv = LoadRelaxed(&p_stat_av->m_i64_period);
   if (i64_period_lv <= 0) return;
-  int64_t i64_now_lv = static_cast<int64_t>(FileTimeNowLocal());
-  int64_t i64_slot_time_lv = i64_now_lv / i64_period_lv * i64_period_lv;
   int32_t i_slot_lv = LoadRelaxed(&p_site_lv->m_i_slot);
   int32_t i_curr_lv = LoadRelaxed(&p_stat_av->m_i_curr_slot);
+  // The clock only dates a slot that starts: a write into the running slot,
+  // the case of almost every frame, does not read it.
   if (i_slot_lv == -1) {
     i_slot_lv = 0;
-    SpeedSlotClear(&p_site_lv->m_slots[0], i64_slot_time_lv);
+    SpeedSlotClear(&p_site_lv->m_slots[0], SlotTimeNow(i64_period_lv));
     StoreRelaxed(&p_site_lv->m_i_slot, i_slot_lv);
   } else if (i_curr_lv != -1 && i_curr_lv != i_slot_lv) {
     // The archive's slot numbers are folded into the ring: a number out of
     // range must not reach past it.
+    int64_t i64_slot_time_lv = SlotTimeNow(i64_period_lv);
     i_slot_lv = (i_curr_lv % SPEED_SLOT_NUM + SPEED_SLOT_NUM) % SPEED_SLOT_NUM;
     StoreRelaxed(&p_site_lv->m_i_slot, i_slot_lv);
     SpeedSlotRetire(p_stat_av, &p_site_lv->m_slots[i_slot_lv]);
