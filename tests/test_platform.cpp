@@ -111,6 +111,33 @@ TEST(Event, AutoResetReleasesOneOfTwoWaiters) {
   EXPECT_EQ(1, woke.load());
 }
 
+// Sets that race a wait on its way to park, over and over: a lost wake-up
+// shows as a time-out (or a hang of 10 s per loss).
+TEST(Event, SetsRacingParkingWaitsAreNeverLost) {
+  PlEvent stop(true, false), ping(false, false), pong(false, false);
+  PlEvent* mine[2] = {&stop, &ping};
+  const int rounds = 5000;
+  std::atomic<int> lost{0}, served{0};
+  {
+    Runner echo([&] {
+      for (;;) {
+        uint32_t r = PlWaitAny(mine, 2, 10000);
+        if (r == 0) return;
+        if (r != 1) ++lost;
+        ++served;
+        pong.Set();
+      }
+    });
+    for (int i = 0; i < rounds && lost.load() == 0; ++i) {
+      ping.Set();
+      if (pong.Wait(10000) != PL_WAIT_OBJECT_0) ++lost;
+    }
+    stop.Set();
+  }
+  EXPECT_EQ(0, lost.load());
+  EXPECT_EQ(rounds, served.load());
+}
+
 TEST_F(ManualClockTest, TimedWaitEndsWhenTheClockPassesItsDeadline) {
   PlEvent ev(false, false);
   std::atomic<uint32_t> result{12345};
