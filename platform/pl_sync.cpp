@@ -1,20 +1,11 @@
 // Critical sections and events on POSIX threads.
 #include "platform/pl_sync.h"
 
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include "platform/pl_internal.h"
-
-PlCritSect::PlCritSect() {
-  pthread_mutexattr_t attr_lv;
-  pthread_mutexattr_init(&attr_lv);
-  pthread_mutexattr_settype(&attr_lv, PTHREAD_MUTEX_RECURSIVE);
-  pthread_mutex_init(&m_mutex, &attr_lv);
-  pthread_mutexattr_destroy(&attr_lv);
-}
-
-PlCritSect::~PlCritSect() { pthread_mutex_destroy(&m_mutex); }
-void PlCritSect::Enter() { pthread_mutex_lock(&m_mutex); }
-void PlCritSect::Leave() { pthread_mutex_unlock(&m_mutex); }
-bool PlCritSect::TryEnter() { return pthread_mutex_trylock(&m_mutex) == 0; }
 
 // A thread parked in a wait. Each thread has one, in static TLS, so that a
 // Set may wake it after leaving the event's lock: a late wake-up reaches a
@@ -45,7 +36,63 @@ __attribute__((tls_model("initial-exec"))) thread_local PlWaiter t_waiter = {{0}
 pthread_mutex_t g_all_mutex = PTHREAD_MUTEX_INITIALIZER;
 PlEvent* g_p_all_head = nullptr;
 
+// How often a thread looks at a taken critical section before it parks.
+const int I_SPIN_LOOKS = 64;
+
+// The calling thread's identity for the critical sections.
+const void* Self() { return &t_waiter; }
+
+long FutexLock(std::atomic<uint32_t>* p_word_av, int i_op_av, uint32_t ui_val_av) {
+  return syscall(SYS_futex, reinterpret_cast<uint32_t*>(p_word_av), i_op_av | FUTEX_PRIVATE_FLAG, ui_val_av, nullptr,
+                 nullptr, 0);
+}
+
 }  // namespace
+
+PlCritSect::PlCritSect() : m_ui_state(0), m_p_owner(nullptr), m_ui_depth(0) {}
+
+PlCritSect::~PlCritSect() {}
+
+void PlCritSect::Enter() {
+  const void* p_self_lv = Self();
+  if (m_p_owner.load(std::memory_order_relaxed) == p_self_lv) {
+    ++m_ui_depth;
+    return;
+  }
+  uint32_t ui_free_lv = 0;
+  if (!m_ui_state.compare_exchange_strong(ui_free_lv, 1, std::memory_order_acquire)) EnterContended();
+  m_p_owner.store(p_self_lv, std::memory_order_relaxed);
+  m_ui_depth = 1;
+}
+
+void PlCritSect::EnterContended() {
+  for (int i_lv = 0; i_lv < I_SPIN_LOOKS; ++i_lv) {
+    __builtin_ia32_pause();
+    uint32_t ui_lv = m_ui_state.load(std::memory_order_relaxed);
+    if (ui_lv == 0 && m_ui_state.compare_exchange_weak(ui_lv, 1, std::memory_order_acquire)) return;
+  }
+  // Parked: the state says so, and the holder's Leave wakes one.
+  while (m_ui_state.exchange(2, std::memory_order_acquire) != 0) FutexLock(&m_ui_state, FUTEX_WAIT, 2);
+}
+
+void PlCritSect::Leave() {
+  if (--m_ui_depth > 0) return;
+  m_p_owner.store(nullptr, std::memory_order_relaxed);
+  if (m_ui_state.exchange(0, std::memory_order_release) == 2) FutexLock(&m_ui_state, FUTEX_WAKE, 1);
+}
+
+bool PlCritSect::TryEnter() {
+  const void* p_self_lv = Self();
+  if (m_p_owner.load(std::memory_order_relaxed) == p_self_lv) {
+    ++m_ui_depth;
+    return true;
+  }
+  uint32_t ui_free_lv = 0;
+  if (!m_ui_state.compare_exchange_strong(ui_free_lv, 1, std::memory_order_acquire)) return false;
+  m_p_owner.store(p_self_lv, std::memory_order_relaxed);
+  m_ui_depth = 1;
+  return true;
+}
 
 // Lock order: the list of all events, then an event.
 PlEvent::PlEvent(bool b_manual_reset_av, bool b_initial_av)

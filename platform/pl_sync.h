@@ -17,6 +17,9 @@ const uint32_t PL_WAIT_FAILED = 0xFFFFFFFFu;
 const uint32_t PL_INFINITE = 0xFFFFFFFFu;
 
 // A critical section that the same thread may enter twice (recursive).
+// Critical sections here are short: a thread that finds one taken spins a
+// little before it parks, since the holder is most often about to leave
+// (a thread it has just woken must not go to sleep on the lock at once).
 class PlCritSect {
  public:
   PlCritSect();
@@ -29,7 +32,11 @@ class PlCritSect {
   bool TryEnter();
 
  private:
-  pthread_mutex_t m_mutex;
+  void EnterContended();
+
+  std::atomic<uint32_t> m_ui_state;  // 0 free, 1 taken, 2 taken with threads parked
+  std::atomic<const void*> m_p_owner;  // the holding thread's identity
+  uint32_t m_ui_depth;                 // entries of the holder
 };
 
 // Enters a critical section for the lifetime of a scope.
