@@ -213,6 +213,7 @@ int64_t PlPerfFrequency() {
 }
 
 void PlSleep(uint32_t ui_ms_av) {
+  PlWakeDeferred();
   timespec ts_lv = {static_cast<time_t>(ui_ms_av / 1000), static_cast<long>(ui_ms_av % 1000) * 1000000L};
   while (nanosleep(&ts_lv, &ts_lv) != 0) {
   }

@@ -23,6 +23,9 @@ struct PlTimedWait {
 bool PlTimedWaitWord(PlTimedWait* p_wait_av, std::atomic<uint32_t>* p_word_av, uint32_t ui_seen_av);
 // Wakes the one thread parked on p_word_av, if any.
 void PlWakeWord(std::atomic<uint32_t>* p_word_av);
+// Wakes the threads that Sets made inside the calling thread's critical
+// sections still owe a wake-up; before any park, so that none waits on them.
+void PlWakeDeferred();
 
 // Wakes every wait parked on any event, so that each looks at its deadline
 // again. Called by the clock at every switch and every manual move; the

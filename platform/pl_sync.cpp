@@ -7,11 +7,22 @@
 
 #include "platform/pl_internal.h"
 
+const int I_DEFER_MAX = 8;
+
 // A thread parked in a wait. Each thread has one, in static TLS, so that a
 // Set may wake it after leaving the event's lock: a late wake-up reaches a
 // word that still exists, and costs at most one look at the events.
+//
+// A Set made inside a critical section wakes the parked threads when the
+// section is left, not at once: a thread woken at once would most often run
+// straight into the section still held (and, on a busy machine, take the
+// processor from its holder). The signal itself is seen at once; only the
+// wake-up waits, and never past the setter's next park of any kind.
 struct PlWaiter {
   std::atomic<uint32_t> m_ui_word;  // raised by every wake-up
+  int32_t m_i_held;                 // critical sections this thread holds
+  int32_t m_i_deferred;
+  PlWaiter* m_p_deferred[I_DEFER_MAX];  // to wake when a section is left
 };
 
 // The place of one waiter in one event's list.
@@ -29,7 +40,7 @@ const int I_WAIT_ANY_MAX = 64;
 // Waiters a Set wakes after leaving the lock; more are woken under it.
 const int I_WAKE_BATCH = 8;
 
-__attribute__((tls_model("initial-exec"))) thread_local PlWaiter t_waiter = {{0}};
+__attribute__((tls_model("initial-exec"))) thread_local PlWaiter t_waiter = {};
 
 // Every live event. Only construction, destruction and moves of the clock
 // walk it; no wait and no Set does.
@@ -63,6 +74,7 @@ void PlCritSect::Enter() {
   if (!m_ui_state.compare_exchange_strong(ui_free_lv, 1, std::memory_order_acquire)) EnterContended();
   m_p_owner.store(p_self_lv, std::memory_order_relaxed);
   m_ui_depth = 1;
+  ++t_waiter.m_i_held;
 }
 
 void PlCritSect::EnterContended() {
@@ -72,6 +84,7 @@ void PlCritSect::EnterContended() {
     if (ui_lv == 0 && m_ui_state.compare_exchange_weak(ui_lv, 1, std::memory_order_acquire)) return;
   }
   // Parked: the state says so, and the holder's Leave wakes one.
+  PlWakeDeferred();
   while (m_ui_state.exchange(2, std::memory_order_acquire) != 0) FutexLock(&m_ui_state, FUTEX_WAIT, 2);
 }
 
@@ -79,6 +92,8 @@ void PlCritSect::Leave() {
   if (--m_ui_depth > 0) return;
   m_p_owner.store(nullptr, std::memory_order_relaxed);
   if (m_ui_state.exchange(0, std::memory_order_release) == 2) FutexLock(&m_ui_state, FUTEX_WAKE, 1);
+  --t_waiter.m_i_held;
+  PlWakeDeferred();
 }
 
 bool PlCritSect::TryEnter() {
@@ -91,6 +106,7 @@ bool PlCritSect::TryEnter() {
   if (!m_ui_state.compare_exchange_strong(ui_free_lv, 1, std::memory_order_acquire)) return false;
   m_p_owner.store(p_self_lv, std::memory_order_relaxed);
   m_ui_depth = 1;
+  ++t_waiter.m_i_held;
   return true;
 }
 
@@ -143,10 +159,13 @@ bool PlEvent::Take() {
 void PlEvent::WakeLinked() {
   PlWaiter* later_lv[I_WAKE_BATCH];
   int i_later_lv = 0;
+  PlWaiter& self_lv = t_waiter;
   pthread_mutex_lock(&m_mutex);
   for (PlWaitLink* p_lv = m_p_links; p_lv != nullptr; p_lv = p_lv->m_p_next) {
     p_lv->m_p_waiter->m_ui_word.fetch_add(1);
-    if (i_later_lv < I_WAKE_BATCH) later_lv[i_later_lv++] = p_lv->m_p_waiter;
+    if (self_lv.m_i_held > 0 && self_lv.m_i_deferred < I_DEFER_MAX)
+      self_lv.m_p_deferred[self_lv.m_i_deferred++] = p_lv->m_p_waiter;
+    else if (i_later_lv < I_WAKE_BATCH) later_lv[i_later_lv++] = p_lv->m_p_waiter;
     else PlWakeWord(&p_lv->m_p_waiter->m_ui_word);
   }
   pthread_mutex_unlock(&m_mutex);
@@ -185,7 +204,14 @@ int PlEvent::TakeAny(PlEvent* const* pp_events_av, int i_count_av) {
   return -1;
 }
 
+void PlWakeDeferred() {
+  PlWaiter& self_lv = t_waiter;
+  for (int i_lv = 0; i_lv < self_lv.m_i_deferred; ++i_lv) PlWakeWord(&self_lv.m_p_deferred[i_lv]->m_ui_word);
+  self_lv.m_i_deferred = 0;
+}
+
 int PlEvent::WaitParked(PlEvent* const* pp_events_av, int i_count_av, uint32_t ui_ms_av) {
+  PlWakeDeferred();
   PlWaiter* p_waiter_lv = &t_waiter;
   PlWaitLink links_lv[I_WAIT_ANY_MAX];
   // Read before the events are looked at: a wake-up from then on changes it,

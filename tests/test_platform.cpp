@@ -138,6 +138,34 @@ TEST(Event, SetsRacingParkingWaitsAreNeverLost) {
   EXPECT_EQ(rounds, served.load());
 }
 
+// A Set inside a critical section wakes its waiter when the section is left,
+// and before the setter parks in it: a setter that waits for the answer
+// without leaving must still get it.
+TEST(Event, ASetInsideACriticalSectionReachesItsWaiterBeforeTheSetterParks) {
+  PlCritSect outer, inner;
+  PlEvent ask(false, false), answer(false, false);
+  std::atomic<int> answered{0};
+  Runner r([&] {
+    for (int i = 0; i < 3; ++i)
+      if (ask.Wait(5000) == PL_WAIT_OBJECT_0) {
+        ++answered;
+        answer.Set();
+      }
+  });
+  PlCritLock hold(&outer);
+  {
+    PlCritLock in(&inner);
+    ask.Set();
+    EXPECT_EQ(PL_WAIT_OBJECT_0, answer.Wait(5000)) << "waiting inside the section";
+  }
+  ask.Set();
+  EXPECT_EQ(PL_WAIT_OBJECT_0, answer.Wait(5000)) << "the inner section left";
+  ask.Set();
+  // Still inside the outer section: a sleep is a park too.
+  for (int i = 0; i < 2000 && answered.load() < 3; ++i) PlSleep(1);
+  EXPECT_EQ(3, answered.load());
+}
+
 TEST_F(ManualClockTest, TimedWaitEndsWhenTheClockPassesItsDeadline) {
   PlEvent ev(false, false);
   std::atomic<uint32_t> result{12345};
