@@ -1,4 +1,5 @@
-// Critical sections and events on POSIX threads.
+// Critical sections and events on futex words: no system call unless a
+// thread has to park or to be woken.
 #include "platform/pl_sync.h"
 
 #include <linux/futex.h>
