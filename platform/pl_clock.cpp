@@ -5,6 +5,9 @@
 #include <x86intrin.h>
 
 #include <errno.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
@@ -210,6 +213,7 @@ int64_t PlPerfFrequency() {
 }
 
 void PlSleep(uint32_t ui_ms_av) {
+  PlWakeDeferred();
   timespec ts_lv = {static_cast<time_t>(ui_ms_av / 1000), static_cast<long>(ui_ms_av % 1000) * 1000000L};
   while (nanosleep(&ts_lv, &ts_lv) != 0) {
   }
@@ -250,18 +254,22 @@ void PlClockSet(uint64_t ui64_utc_av) {
 PlTimedWait::PlTimedWait(uint32_t ui_ms_av)
     : m_ui_ms(ui_ms_av), m_ui64_epoch(~0ULL), m_b_manual(false), m_ui64_deadline(0) {}
 
-void PlCondInit(pthread_cond_t* p_cond_av) {
-  pthread_condattr_t attr_lv;
-  pthread_condattr_init(&attr_lv);
-  pthread_condattr_setclock(&attr_lv, CLOCK_MONOTONIC);
-  pthread_cond_init(p_cond_av, &attr_lv);
-  pthread_condattr_destroy(&attr_lv);
+namespace {
+
+long Futex(std::atomic<uint32_t>* p_word_av, int i_op_av, uint32_t ui_val_av, const timespec* p_ts_av) {
+  static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t), "a futex is one plain word");
+  return syscall(SYS_futex, reinterpret_cast<uint32_t*>(p_word_av), i_op_av | FUTEX_PRIVATE_FLAG, ui_val_av, p_ts_av,
+                 nullptr, FUTEX_BITSET_MATCH_ANY);
 }
 
-bool PlTimedWaitOnce(PlTimedWait* p_wait_av, pthread_cond_t* p_cond_av, pthread_mutex_t* p_mutex_av) {
+}  // namespace
+
+void PlWakeWord(std::atomic<uint32_t>* p_word_av) { Futex(p_word_av, FUTEX_WAKE, 1, nullptr); }
+
+bool PlTimedWaitWord(PlTimedWait* p_wait_av, std::atomic<uint32_t>* p_word_av, uint32_t ui_seen_av) {
   PlTimedWait& w_lv = *p_wait_av;
   if (w_lv.m_ui_ms == 0xFFFFFFFFu) {
-    pthread_cond_wait(p_cond_av, p_mutex_av);
+    Futex(p_word_av, FUTEX_WAIT, ui_seen_av, nullptr);
     return true;
   }
   // The deadline is taken again from the present time when the clock
@@ -276,12 +284,14 @@ bool PlTimedWaitOnce(PlTimedWait* p_wait_av, pthread_cond_t* p_cond_av, pthread_
   }
   if (w_lv.m_b_manual) {
     if (g_ui64_manual_utc.load() >= w_lv.m_ui64_deadline) return false;
-    pthread_cond_wait(p_cond_av, p_mutex_av);
+    Futex(p_word_av, FUTEX_WAIT, ui_seen_av, nullptr);
     return true;
   }
+  // An absolute deadline on the monotonic clock (FUTEX_WAIT_BITSET), so that
+  // wake-ups that change nothing do not stretch the wait.
   timespec ts_lv = {static_cast<time_t>(w_lv.m_ui64_deadline / 1000000000ULL),
                     static_cast<long>(w_lv.m_ui64_deadline % 1000000000ULL)};
-  if (pthread_cond_timedwait(p_cond_av, p_mutex_av, &ts_lv) != ETIMEDOUT) return true;
+  if (Futex(p_word_av, FUTEX_WAIT_BITSET, ui_seen_av, &ts_lv) == 0 || errno != ETIMEDOUT) return true;
   // A switch of clock during the park starts the wait again on the new one.
   return g_ui64_clock_epoch.load() != w_lv.m_ui64_epoch;
 }

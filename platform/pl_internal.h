@@ -3,7 +3,7 @@
 // Not for use outside platform/.
 #pragma once
 
-#include <pthread.h>
+#include <atomic>
 #include <cstdint>
 
 // The deadline of one timed wait, on the clock in force when it was taken.
@@ -15,14 +15,17 @@ struct PlTimedWait {
   uint64_t m_ui64_deadline;  // manual ticks or monotonic ns
 };
 
-// Makes a condition variable that PlTimedWaitOnce can wait on.
-void PlCondInit(pthread_cond_t* p_cond_av);
-
-// With p_mutex_av held: parks once on p_cond_av. True after a wake-up of any
-// kind (the caller looks at its condition again), false when the deadline had
-// passed. Under the manual clock the park has no time-out of its own: every
-// move of the clock wakes it through PlEventsKickAll.
-bool PlTimedWaitOnce(PlTimedWait* p_wait_av, pthread_cond_t* p_cond_av, pthread_mutex_t* p_mutex_av);
+// Parks the calling thread on p_word_av as long as it holds ui_seen_av. True
+// after a wake-up of any kind (the caller looks at its condition again),
+// false when the deadline had passed. Under the manual clock the park has no
+// time-out of its own: every move of the clock changes the word and wakes it
+// through PlEventsKickAll.
+bool PlTimedWaitWord(PlTimedWait* p_wait_av, std::atomic<uint32_t>* p_word_av, uint32_t ui_seen_av);
+// Wakes the one thread parked on p_word_av, if any.
+void PlWakeWord(std::atomic<uint32_t>* p_word_av);
+// Wakes the threads that Sets made inside the calling thread's critical
+// sections still owe a wake-up; before any park, so that none waits on them.
+void PlWakeDeferred();
 
 // Wakes every wait parked on any event, so that each looks at its deadline
 // again. Called by the clock at every switch and every manual move; the

@@ -6,6 +6,8 @@
 #pragma once
 
 #include <pthread.h>
+
+#include <atomic>
 #include <cstdint>
 
 // Results of a wait, with the values the callers compare against.
@@ -15,6 +17,9 @@ const uint32_t PL_WAIT_FAILED = 0xFFFFFFFFu;
 const uint32_t PL_INFINITE = 0xFFFFFFFFu;
 
 // A critical section that the same thread may enter twice (recursive).
+// Critical sections here are short: a thread that finds one taken spins a
+// little before it parks, since the holder is most often about to leave
+// (a thread it has just woken must not go to sleep on the lock at once).
 class PlCritSect {
  public:
   PlCritSect();
@@ -27,7 +32,11 @@ class PlCritSect {
   bool TryEnter();
 
  private:
-  pthread_mutex_t m_mutex;
+  void EnterContended();
+
+  std::atomic<uint32_t> m_ui_state;  // 0 free, 1 taken, 2 taken with threads parked
+  std::atomic<const void*> m_p_owner;  // the holding thread's identity
+  uint32_t m_ui_depth;                 // entries of the holder
 };
 
 // Enters a critical section for the lifetime of a scope.
@@ -47,11 +56,12 @@ struct PlWaitLink;
 // An event with manual or automatic reset. An automatic event is reset by
 // the one wait that it releases.
 //
-// A wait on one event parks on the event's own condition variable; a wait on
-// several links itself into each of them. Nothing on the way of Set or of a
-// wait is shared between events, so a wake-up costs what the system's mutex
-// and condition variable cost. Every event is also known to the clock, which
-// wakes all parked waits when it is switched or moved by hand.
+// The state is one atomic word, so that a Set with nobody waiting and a wait
+// that finds the event set cost no system call. A wait that has to park
+// links itself into each event it waits on and sleeps on its thread's own
+// futex word; a Set wakes the linked waits, one system call each. Every
+// event is also known to the clock, which wakes all parked waits when it is
+// switched or moved by hand.
 class PlEvent {
  public:
   PlEvent(bool b_manual_reset_av, bool b_initial_av);
@@ -68,18 +78,19 @@ class PlEvent {
  private:
   friend uint32_t PlWaitAny(PlEvent* const* pp_events_av, int i_count_av, uint32_t ui_ms_av);
   friend void PlEventsKickAll();
-  bool TakeLocked();
+  // The lowest signalled event, consumed; -1 when none is.
+  static int TakeAny(PlEvent* const* pp_events_av, int i_count_av);
+  // Parks until one is signalled or the time passes; the index or -1.
+  static int WaitParked(PlEvent* const* pp_events_av, int i_count_av, uint32_t ui_ms_av);
   bool Take();
   void Link(PlWaitLink* p_link_av);
   void Unlink(PlWaitLink* p_link_av);
-  void KickLocked();
+  void WakeLinked();
 
-  pthread_mutex_t m_mutex;
-  pthread_cond_t m_cond;  // waits on this event alone park here
+  std::atomic<uint32_t> m_ui_state;  // PL_EVENT_SET | PL_EVENT_LINKED
   bool m_b_manual;
-  bool m_b_set;
-  int32_t m_i_parked;       // waits parked on m_cond
-  PlWaitLink* m_p_links;    // waits on several events that include this one
+  pthread_mutex_t m_mutex;  // guards the links
+  PlWaitLink* m_p_links;    // parked waits that include this event
   // Every live event, for the clock's wake-ups.
   PlEvent* m_p_prev_all;
   PlEvent* m_p_next_all;

@@ -111,6 +111,61 @@ TEST(Event, AutoResetReleasesOneOfTwoWaiters) {
   EXPECT_EQ(1, woke.load());
 }
 
+// Sets that race a wait on its way to park, over and over: a lost wake-up
+// shows as a time-out (or a hang of 10 s per loss).
+TEST(Event, SetsRacingParkingWaitsAreNeverLost) {
+  PlEvent stop(true, false), ping(false, false), pong(false, false);
+  PlEvent* mine[2] = {&stop, &ping};
+  const int rounds = 5000;
+  std::atomic<int> lost{0}, served{0};
+  {
+    Runner echo([&] {
+      for (;;) {
+        uint32_t r = PlWaitAny(mine, 2, 10000);
+        if (r == 0) return;
+        if (r != 1) ++lost;
+        ++served;
+        pong.Set();
+      }
+    });
+    for (int i = 0; i < rounds && lost.load() == 0; ++i) {
+      ping.Set();
+      if (pong.Wait(10000) != PL_WAIT_OBJECT_0) ++lost;
+    }
+    stop.Set();
+  }
+  EXPECT_EQ(0, lost.load());
+  EXPECT_EQ(rounds, served.load());
+}
+
+// A Set inside a critical section wakes its waiter when the section is left,
+// and before the setter parks in it: a setter that waits for the answer
+// without leaving must still get it.
+TEST(Event, ASetInsideACriticalSectionReachesItsWaiterBeforeTheSetterParks) {
+  PlCritSect outer, inner;
+  PlEvent ask(false, false), answer(false, false);
+  std::atomic<int> answered{0};
+  Runner r([&] {
+    for (int i = 0; i < 3; ++i)
+      if (ask.Wait(5000) == PL_WAIT_OBJECT_0) {
+        ++answered;
+        answer.Set();
+      }
+  });
+  PlCritLock hold(&outer);
+  {
+    PlCritLock in(&inner);
+    ask.Set();
+    EXPECT_EQ(PL_WAIT_OBJECT_0, answer.Wait(5000)) << "waiting inside the section";
+  }
+  ask.Set();
+  EXPECT_EQ(PL_WAIT_OBJECT_0, answer.Wait(5000)) << "the inner section left";
+  ask.Set();
+  // Still inside the outer section: a sleep is a park too.
+  for (int i = 0; i < 2000 && answered.load() < 3; ++i) PlSleep(1);
+  EXPECT_EQ(3, answered.load());
+}
+
 TEST_F(ManualClockTest, TimedWaitEndsWhenTheClockPassesItsDeadline) {
   PlEvent ev(false, false);
   std::atomic<uint32_t> result{12345};

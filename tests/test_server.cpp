@@ -189,14 +189,17 @@ TEST_F(ServerTest, SeveralCamerasRecordAtOnceEachIntoItsOwnFolder) {
     std::vector<std::string> audio = Stored(std::string("A_") + name + "_C", "audio");
     EXPECT_GT(video.size(), 60u) << name;
     EXPECT_GT(audio.size(), 60u) << name;
-    // Each camera's frames are its own: the seed in the head, the bytes as made.
+    // Each camera's frames are its own, all of them in the order made: the
+    // seed and number in the head, the bytes as made.
     uint32_t seed = std::string(name) == "one" ? 1 : 2;
+    uint32_t next = 0;
     for (const std::string& f : video) {
       ASSERT_GE(f.size(), 16u);
       uint32_t n = 0, s = 0;
       memcpy(&s, f.data() + 4, 4);
       memcpy(&n, f.data() + 8, 4);
       EXPECT_EQ(seed, s);
+      EXPECT_EQ(next++, n) << name;
       std::vector<uint8_t> again;
       SrvSyntheticVideoBytes(seed, n, static_cast<uint32_t>(f.size()), &again);
       EXPECT_EQ(0, memcmp(again.data(), f.data(), f.size())) << name << " frame " << n;

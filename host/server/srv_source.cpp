@@ -1,6 +1,6 @@
 // A camera's source thread (see srv_source.h): waits for the plug-in to ask
-// for frames, then sends the camera's media on the media track, paced in
-// real time or as fast as the writer takes it.
+// for frames, then sends the camera's media on the media track as fast as
+// the writer takes it, or hands the camera to a pacer for real time.
 #include "host/server/srv_source.h"
 
 #include <cstdio>
@@ -8,6 +8,7 @@
 
 #include "host/server/srv_crash.h"
 #include "host/server/srv_media_lib.h"
+#include "host/server/srv_source_pacer.h"
 #include "platform/pl_clock.h"
 
 namespace {
@@ -77,9 +78,9 @@ void StreamClose(SrvSource* p_av) {
   if (const SrvMediaLib* p_lib_lv = SrvMediaLibLoaded()) p_lib_lv->m_p_stream_close(&p_av->m_stream);
 }
 
-const SrvSourceKind KINDS[] = {{"synthetic", &SyntheticOpen, &SyntheticNext, &SyntheticClose},
-                               {"h264", &H264Open, &H264Next, &H264Close},
-                               {"stream", &StreamOpen, &StreamNext, &StreamClose}};
+const SrvSourceKind KINDS[] = {{"synthetic", false, &SyntheticOpen, &SyntheticNext, &SyntheticClose},
+                               {"h264", false, &H264Open, &H264Next, &H264Close},
+                               {"stream", true, &StreamOpen, &StreamNext, &StreamClose}};
 
 // Waits until every listening channel has asked for frames, or the time-out.
 void WaitForGet(SrvSource* p_av) {
@@ -94,14 +95,6 @@ void WaitForGet(SrvSource* p_av) {
     }
     p_av->m_p_get->Wait(static_cast<uint32_t>(d_left_ms_lv) + 1);
   }
-}
-
-// Real-time pacing: sleeps until the frame's offset from the start. False
-// when told to stop meanwhile.
-bool PaceRealTime(SrvSource* p_av, int64_t i64_start_perf_av, int64_t i64_offset_us_av) {
-  double d_wait_ms_lv = i64_offset_us_av / 1000.0 - SecondsSince(i64_start_perf_av) * 1000.0;
-  if (d_wait_ms_lv < 1) return !p_av->m_p_stop->IsSet();
-  return p_av->m_p_stop->Wait(static_cast<uint32_t>(d_wait_ms_lv)) != PL_WAIT_OBJECT_0;
 }
 
 // As fast as the writer takes them: no more than the bound in flight. When
@@ -128,39 +121,47 @@ bool PaceWriter(SrvSource* p_av, bool* p_bound_av) {
   return !p_av->m_p_stop->IsSet();
 }
 
+SrvPacers* FlowPacers(SrvFlow* p_av) {
+  PlCritLock lock_lv(&p_av->m_pacers_cs);
+  if (p_av->m_p_pacers == nullptr) p_av->m_p_pacers = SrvPacersCreate(0);
+  return p_av->m_p_pacers;
+}
+
+// Live streams, and files and synthetic cameras as fast as the writer takes
+// them: the source's own thread sends.
+void SendOwnFrames(SrvSource* p_av) {
+  int64_t i64_start_us_lv = static_cast<int64_t>((PlFileTimeUtc() - PL_UNIX_EPOCH_TICKS) / 10);
+  bool b_bound_lv = true;
+  SrvMediaFrame frame_lv;
+  int64_t i64_max_lv = p_av->m_p_settings->m_i64_max_frames;
+  while (!p_av->m_p_stop->IsSet() && (i64_max_lv <= 0 || p_av->m_counts.m_i64_sent < i64_max_lv) &&
+         p_av->m_p_kind->m_p_next(p_av, &frame_lv)) {
+    // A live stream's frames come at their own pace and carry their time.
+    bool b_live_lv = frame_lv.m_i64_time_us != 0;
+    bool b_go_on_lv = b_live_lv ? !p_av->m_p_stop->IsSet() : PaceWriter(p_av, &b_bound_lv);
+    if (!b_go_on_lv) break;
+    SrvSourceSendFrame(p_av, frame_lv, b_live_lv ? frame_lv.m_i64_time_us : i64_start_us_lv + frame_lv.m_i64_offset_us);
+  }
+}
+
 uint32_t SourceThread(void* p_arg_av) {
   SrvSource* p_lv = static_cast<SrvSource*>(p_arg_av);
   SrvCrashThreadBegin();
+  bool b_handed_over_lv = false;
   PlEvent* events_lv[2] = {p_lv->m_p_stop, p_lv->m_p_go};
   if (PlWaitAny(events_lv, 2, PL_INFINITE) == 1) {
     WaitForGet(p_lv);
-    int64_t i64_start_us_lv = static_cast<int64_t>((PlFileTimeUtc() - PL_UNIX_EPOCH_TICKS) / 10);
-    int64_t i64_start_perf_lv = PlPerfCounter();
-    bool b_bound_lv = true;
-    SrvMediaFrame frame_lv;
-    int64_t i64_max_lv = p_lv->m_p_settings->m_i64_max_frames;
-    while (!p_lv->m_p_stop->IsSet() && (i64_max_lv <= 0 || p_lv->m_counts.m_i64_sent < i64_max_lv) &&
-           p_lv->m_p_kind->m_p_next(p_lv, &frame_lv)) {
-      // A live stream's frames come at their own pace and carry their time.
-      bool b_live_lv = frame_lv.m_i64_time_us != 0;
-      bool b_go_on_lv = b_live_lv                         ? !p_lv->m_p_stop->IsSet()
-                        : p_lv->m_p_settings->m_b_paced ? PaceRealTime(p_lv, i64_start_perf_lv, frame_lv.m_i64_offset_us)
-                                                        : PaceWriter(p_lv, &b_bound_lv);
-      if (!b_go_on_lv) break;
-      if (b_live_lv) {
-        SrvSourceSendFrame(p_lv, frame_lv, frame_lv.m_i64_time_us);
-        continue;
-      }
-      if (p_lv->m_p_settings->m_b_paced) {
-        // How far behind its time the frame goes out: a machine that cannot
-        // keep up shows here first.
-        int64_t i64_late_lv = static_cast<int64_t>(SecondsSince(i64_start_perf_lv) * 1e6) - frame_lv.m_i64_offset_us;
-        if (i64_late_lv > p_lv->m_counts.m_i64_max_late_us) p_lv->m_counts.m_i64_max_late_us = i64_late_lv;
-      }
-      SrvSourceSendFrame(p_lv, frame_lv, i64_start_us_lv + frame_lv.m_i64_offset_us);
+    if (!p_lv->m_p_settings->m_b_paced || p_lv->m_p_kind->m_b_live) {
+      SendOwnFrames(p_lv);
+    } else if (SrvPacers* p_pacers_lv = FlowPacers(p_lv->m_p_flow)) {
+      // In real time a pacer sends the frames from here on, and ends them.
+      SrvPacersAdd(p_pacers_lv, p_lv);
+      b_handed_over_lv = true;
+    } else {
+      p_lv->m_p_note = "cannot start the pacing threads; nothing sent";
     }
   }
-  p_lv->m_counts.m_b_done = true;
+  if (!b_handed_over_lv) p_lv->m_counts.m_b_done = true;
   SrvCrashThreadEnd();
   return 0;
 }
@@ -183,6 +184,8 @@ void Account(SrvSource* p_av, const SrvMediaFrame& frame_av, const SrvProbeMark&
 }
 
 }  // namespace
+
+SrvFlow::~SrvFlow() { SrvPacersDestroy(m_p_pacers); }
 
 const SrvSourceKind* SrvFindSourceKind(const std::string& s_type_av) {
   for (const SrvSourceKind& kind_lv : KINDS)
@@ -237,6 +240,10 @@ void SrvSourceClose(SrvSource* p_av) {
     p_av->m_p_thread->Join(PL_INFINITE);
     PlThread::Close(p_av->m_p_thread);
     p_av->m_p_thread = nullptr;
+  }
+  if (p_av->m_p_flow != nullptr) {
+    PlCritLock lock_lv(&p_av->m_p_flow->m_pacers_cs);
+    SrvPacersRemove(p_av->m_p_flow->m_p_pacers, p_av);
   }
   if (p_av->m_h_media != 0) profile_close(p_av->m_h_media);
   if (p_av->m_h_status != 0) profile_close(p_av->m_h_status);

@@ -1,5 +1,6 @@
 // One camera's source, as a source plug-in of the host would run it: its own
-// thread sends frame messages on the camera's media track, counts the
+// thread (or, in real time, a pacer shared with other cameras, see
+// srv_source_pacer.h) sends frame messages on the camera's media track, counts the
 // `need` answers, asks on the status track how many listen, and starts when
 // the recording channels ask for frames ("frame" with a "get" marker).
 // Made and driven by main; read by the progress report.
@@ -24,12 +25,21 @@
 // With the archive's statistics at hand a source reads the taken frames
 // itself at each look, so that its pace does not follow the monitor's tenth
 // of a second. The probes tell each delivery's fate (srv_account.h).
+struct SrvPacers;
 struct SrvFlow {
+  SrvFlow() = default;
+  ~SrvFlow();
+  SrvFlow(const SrvFlow&) = delete;
+  SrvFlow& operator=(const SrvFlow&) = delete;
   std::atomic<int64_t> m_i64_wanted{0};
   std::atomic<int64_t> m_i64_entered{0};
   std::atomic<int64_t> m_i64_taken{0};
   int32_t (*m_p_stats)(ArchiveStats*) = nullptr;
   SrvProbes m_probes;
+  // The real-time pacers of the file and synthetic sources, made when the
+  // first of them starts (srv_source_pacer.h).
+  PlCritSect m_pacers_cs;
+  SrvPacers* m_p_pacers = nullptr;
 };
 // Frames the channels have taken out of their buffers, as fresh as the flow
 // can tell.
@@ -57,9 +67,11 @@ struct SrvSourceCounts {
 struct SrvSource;
 // One kind of source behind its entry points: open (checks and loads what
 // can be before the run), next (the next frame in send order; false at the
-// end), close.
+// end), close. A live kind's frames come at their own pace and carry their
+// time; the others are paced by the host.
 struct SrvSourceKind {
   const char* m_s_type;
+  bool m_b_live;
   bool (*m_p_open)(SrvSource* p_av, std::string* p_error_av);
   bool (*m_p_next)(SrvSource* p_av, SrvMediaFrame* p_out_av);
   void (*m_p_close)(SrvSource* p_av);
