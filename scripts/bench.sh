@@ -157,7 +157,9 @@ pass=$(awk -v c="$cpu100" -v r="$res100" 'BEGIN { print (r == "ok" && c + 0 <= 0
 # The floor beside it: the same cameras' wake-ups (one per put) and writes
 # (one a frame) with nothing else, what the system alone charges.
 rm -rf "$work/wake" && mkdir -p "$work/wake"
-floor6=$("$bin/bench_wake" "$work/wake" 100 "$scale_seconds" | tee /dev/stderr | awk '{ for (i = 1; i <= NF; i++) if ($i == "%") print $(i-1) }')
+line=$("$bin/bench_wake" "$work/wake" 100 "$scale_seconds")
+echo "$line"
+floor6=$(awk '{ for (i = 1; i <= NF; i++) if ($i == "%") print $(i-1) }' <<<"$line")
 rm -rf "$work/wake"
 budget "BUDGET 6 $pass: cpu per camera at 100 cameras in real time: ${cpu100}% of one core ($res100) (at most 0.3 %; the wake-ups and writes alone, bench_wake: ${floor6:-?} %)"
 # Process size per camera: the largest good run against one camera alone.
