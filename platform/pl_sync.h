@@ -98,7 +98,7 @@ class PlEvent {
 
 // Waits until one of i_count_av events is signalled. Returns the index of the
 // signalled event (the lowest when several are), PL_WAIT_TIMEOUT when the
-// time passed first, PL_WAIT_FAILED for a bad argument. At most 8 events.
+// time passed first, PL_WAIT_FAILED for a bad argument. At most 64 events.
 uint32_t PlWaitAny(PlEvent* const* pp_events_av, int i_count_av, uint32_t ui_ms_av);
 
 // Atomic helpers for counters shared between threads.
