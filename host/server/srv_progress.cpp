@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <map>
 
 #include "host/archive/arc_format.h"
 #include "host/archive/arc_reader.h"
@@ -82,9 +83,7 @@ int64_t SrvMonitorBuffered(SrvMonitor* p_av) {
 
 void SrvMonitorStart(SrvMonitor* p_av) {
   // Frames of earlier runs in the same archive are not this run's.
-  p_av->m_stored_before.clear();
-  for (SrvSource* p_src_lv : p_av->m_sources)
-    p_av->m_stored_before.push_back(SrvStoredOf(p_av->m_p_settings->m_s_archive_root, *p_src_lv->m_p_camera));
+  p_av->m_stored_before = SrvStoredOfAll(p_av->m_p_settings->m_s_archive_root, p_av->m_sources);
   p_av->m_i64_start_perf = PlPerfCounter();
   p_av->m_p_stop = new PlEvent(true, false);
   p_av->m_p_thread = PlThread::Create(&MonitorThread, p_av, 0, false);
@@ -101,22 +100,33 @@ void SrvMonitorStop(SrvMonitor* p_av) {
   p_av->m_p_stop = nullptr;
 }
 
-SrvStored SrvStoredOf(const std::string& s_root_av, const SrvCamera& camera_av) {
-  const char* keys_lv[5];
-  int32_t sizes_lv[5];
-  for (int i_lv = 0; i_lv < 5; i_lv++) {
-    keys_lv[i_lv] = camera_av.m_s_arc_keys[i_lv].c_str();
-    sizes_lv[i_lv] = static_cast<int32_t>(camera_av.m_s_arc_keys[i_lv].size() + 1);
+// What the archive holds of each camera, in the cameras' order. The archive
+// is walked once for all of them: a walk per camera read every stream's
+// folder as many times as there are cameras.
+std::vector<SrvStored> SrvStoredOfAll(const std::string& s_root_av, const std::vector<SrvSource*>& sources_av) {
+  std::vector<SrvStored> out_lv(sources_av.size());
+  std::map<std::string, std::vector<size_t>> by_folder_lv;
+  for (size_t ui_lv = 0; ui_lv < sources_av.size(); ui_lv++) {
+    const SrvCamera& camera_lv = *sources_av[ui_lv]->m_p_camera;
+    const char* keys_lv[5];
+    int32_t sizes_lv[5];
+    for (int i_lv = 0; i_lv < 5; i_lv++) {
+      keys_lv[i_lv] = camera_lv.m_s_arc_keys[i_lv].c_str();
+      sizes_lv[i_lv] = static_cast<int32_t>(camera_lv.m_s_arc_keys[i_lv].size() + 1);
+    }
+    out_lv[ui_lv].m_s_folder = warc::CameraFolderName(keys_lv, sizes_lv, 5);
+    by_folder_lv[out_lv[ui_lv].m_s_folder].push_back(ui_lv);
   }
-  SrvStored out_lv;
-  out_lv.m_s_folder = warc::CameraFolderName(keys_lv, sizes_lv, 5);
   for (const warc::StreamRef& stream_lv : warc::FindStreams(s_root_av)) {
     size_t ui_slash_lv = stream_lv.m_s_camera.rfind('/');
-    std::string s_last_lv = ui_slash_lv == std::string::npos ? stream_lv.m_s_camera : stream_lv.m_s_camera.substr(ui_slash_lv + 1);
-    if (s_last_lv != out_lv.m_s_folder) continue;
+    auto it_lv = by_folder_lv.find(stream_lv.m_s_camera.substr(ui_slash_lv == std::string::npos ? 0 : ui_slash_lv + 1));
+    if (it_lv == by_folder_lv.end()) continue;
     warc::StreamCount sum_lv = warc::CountStream(stream_lv);
-    (stream_lv.m_s_kind == "audio" ? out_lv.m_ui64_audio : out_lv.m_ui64_video) += sum_lv.m_ui64_frames;
-    out_lv.m_ui64_keys += stream_lv.m_s_kind == "audio" ? 0 : sum_lv.m_ui64_key_frames;
+    for (size_t ui_lv : it_lv->second) {
+      SrvStored& st_lv = out_lv[ui_lv];
+      (stream_lv.m_s_kind == "audio" ? st_lv.m_ui64_audio : st_lv.m_ui64_video) += sum_lv.m_ui64_frames;
+      st_lv.m_ui64_keys += stream_lv.m_s_kind == "audio" ? 0 : sum_lv.m_ui64_key_frames;
+    }
   }
   return out_lv;
 }
@@ -134,11 +144,11 @@ SrvStored StoredThisRun(SrvStored now_av, const SrvStored& before_av) {
 
 // One camera's lines; false when it should have recorded and stored nothing
 // in this run.
-bool PrintCamera(const SrvSettings& settings_av, const SrvSource& src_av, const SrvStored& before_av,
+bool PrintCamera(const SrvSource& src_av, const SrvStored& now_av, const SrvStored& before_av,
                  const std::vector<ArchiveChannelStats>& channels_av, bool b_lines_av, SrvFrameAccount* p_total_av) {
   const SrvCamera& cam_lv = *src_av.m_p_camera;
   const SrvSourceCounts& c_lv = src_av.m_counts;
-  SrvStored stored_lv = StoredThisRun(SrvStoredOf(settings_av.m_s_archive_root, cam_lv), before_av);
+  SrvStored stored_lv = StoredThisRun(now_av, before_av);
   printf("camera %s (archive folder %s)\n", cam_lv.m_s_name.c_str(), stored_lv.m_s_folder.c_str());
   printf("  sent     %lld video, %lld audio, %lld key frames, %.1f MB; wanted %lld (%lld need answers); "
          "%d listening, %d asked for frames\n",
@@ -203,10 +213,11 @@ int SrvPrintSummary(SrvMonitor* p_av, double d_run_s_av) {
   SrvFrameAccount total_lv;
   printf("\n== writer-host summary: %.1f s, %s pacing\n", d_run_s_av, settings_lv.m_b_paced ? "real-time" : "fast");
   bool b_ok_lv = true;
+  std::vector<SrvStored> now_lv = SrvStoredOfAll(settings_lv.m_s_archive_root, p_av->m_sources);
   for (size_t ui_lv = 0; ui_lv < p_av->m_sources.size(); ui_lv++) {
     SrvSource* p_src_lv = p_av->m_sources[ui_lv];
     SrvStored before_lv = ui_lv < p_av->m_stored_before.size() ? p_av->m_stored_before[ui_lv] : SrvStored();
-    b_ok_lv = PrintCamera(settings_lv, *p_src_lv, before_lv, channels_lv, b_lines_lv, &total_lv) && b_ok_lv;
+    b_ok_lv = PrintCamera(*p_src_lv, now_lv[ui_lv], before_lv, channels_lv, b_lines_lv, &total_lv) && b_ok_lv;
     i64_wanted_lv += p_src_lv->m_counts.m_i64_wanted;
   }
   ArchiveStats st_lv = SrvPluginArchiveStats(p_av->m_p_plugin);

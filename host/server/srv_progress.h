@@ -43,7 +43,8 @@ void SrvMonitorRefresh(SrvMonitor* p_av, int64_t* p_written_av, int64_t* p_passe
 // Frames that entered the plug-in's buffers and are not taken out yet.
 int64_t SrvMonitorBuffered(SrvMonitor* p_av);
 
-SrvStored SrvStoredOf(const std::string& s_root_av, const SrvCamera& camera_av);
+// What the archive holds of each source's camera, in the sources' order.
+std::vector<SrvStored> SrvStoredOfAll(const std::string& s_root_av, const std::vector<SrvSource*>& sources_av);
 
 // The whole run in one line: frames stored over the time from the sources'
 // start to the last stored frame, and the process's CPU time and memory.
